@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <shared_mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "dh_node.hpp"
+#include "dh_types.hpp"
+
+// The node tree: leaves addressed by slash-separated paths, the event sequence counter and the
+// history ring. All members are thread-safe.
+class dh_db {
+public:
+    static constexpr std::size_t history_capacity = 1000;
+
+    dh_db() = default;
+    dh_db(const dh_db&) = delete;
+    dh_db& operator=(const dh_db&) = delete;
+
+    // "a/b/c" -> {"a","b","c"}; empty components (leading, trailing, doubled slashes) are dropped.
+    static std::vector<std::string> split_path(std::string_view path);
+    static std::string join_path(const std::vector<std::string>& components, std::size_t from = 0);
+
+    // Adds a leaf under its own path; a path that is taken already raises dh_error -17.
+    void add_node(std::shared_ptr<dh_db_leaf_node> node);
+    // The leaf at path (slashes at either end ignored), or nullptr.
+    std::shared_ptr<dh_db_leaf_node> find_leaf_node(std::string_view path) const;
+    // Leaves whose path equals prefix or starts with prefix + "/" (all for ""), sorted by path.
+    std::vector<std::shared_ptr<dh_db_leaf_node>> list(std::string_view prefix) const;
+    std::size_t size() const;
+
+    // Records the node's latest change (its export_history_entry) in the history ring.
+    void append_to_history(dh_db_leaf_node& node);
+    // The last `limit` history entries, oldest first, as a JSON array.
+    dh::Document history(std::size_t limit) const;
+
+    // Sequence number and UTC time stamp of the next event the server creates.
+    std::uint64_t next_event_seq() noexcept;
+    static std::string utc_now_iso();
+
+private:
+    // Guards nodes_ and sorted_; add_node takes it exclusively, lookups shared.
+    mutable std::shared_mutex nodes_mutex_;
+    std::unordered_map<std::string, std::shared_ptr<dh_db_leaf_node>> nodes_;
+    std::map<std::string, std::shared_ptr<dh_db_leaf_node>, std::less<>> sorted_;
+
+    std::atomic<std::uint64_t> seq_{0};
+
+    // Guards history_.
+    mutable std::mutex history_mutex_;
+    std::deque<dh::Document> history_;
+};
