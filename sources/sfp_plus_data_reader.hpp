@@ -1,0 +1,38 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "dh_db.hpp"
+
+// Publishes, per pluggable optical port, module presence, optical powers, temperature margin and
+// inventory, all read from `ethtool -m PORT` (cached one second per port). Owns a poll thread
+// that follows insertion and removal. Created as a shared object: its nodes hold weak references.
+class sfp_plus_data_reader : public std::enable_shared_from_this<sfp_plus_data_reader> {
+public:
+    explicit sfp_plus_data_reader(dh_db& db);
+    ~sfp_plus_data_reader();
+    sfp_plus_data_reader(const sfp_plus_data_reader&) = delete;
+    sfp_plus_data_reader& operator=(const sfp_plus_data_reader&) = delete;
+
+    // Registers the nodes of every port and starts the poll thread.
+    void init();
+
+    bool present(std::string_view port);
+    double get_power(const std::string& property, std::string_view port);
+    double get_temp_margin(std::string_view port);
+    std::string get_description(std::string_view port);
+    std::string parse_string_from_property(const std::string& property, std::string_view port);
+    double parse_double_from_property(const std::string& property, std::string_view port,
+                                      std::string_view unit);
+    bool update_present(std::string_view port);
+    void poll_func();
+
+private:
+    struct state;
+    dh_db& db_;
+    std::unique_ptr<state> state_;
+};
