@@ -12,7 +12,7 @@ class server;
 // The framework's front end: the node tree and the protocol server on a Unix socket
 // (<socket_dir>/dh.sock), TCP and, once asked, IPv6 bound to one interface.
 class device_handler_api {
-public:
+  public:
     // local_only: listen for TCP on 127.0.0.1 instead of 0.0.0.0 (tests and development).
     // A port of 0 picks a free port (see tcp_port()). The sockets are opened here.
     device_handler_api(const std::string& socket_dir, unsigned port, bool local_only);
@@ -34,6 +34,6 @@ public:
 
     dh_db db;
 
-private:
+  private:
     std::unique_ptr<dh::server::server> server_;
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <map>
@@ -16,7 +17,7 @@
 // The node tree: leaves addressed by slash-separated paths, the event sequence counter and the
 // history ring. All members are thread-safe.
 class dh_db {
-public:
+  public:
     static constexpr std::size_t history_capacity = 1000;
 
     dh_db() = default;
@@ -44,7 +45,7 @@ public:
     std::uint64_t next_event_seq() noexcept;
     static std::string utc_now_iso();
 
-private:
+  private:
     // Guards nodes_ and sorted_; add_node takes it exclusively, lookups shared.
     mutable std::shared_mutex nodes_mutex_;
     std::unordered_map<std::string, std::shared_ptr<dh_db_leaf_node>> nodes_;

@@ -8,14 +8,14 @@
 // The framework's error: a negative errno-style code (or whatever code a node raises) and a
 // fixed English text. It reaches the client unchanged as a JSON-RPC error.
 class dh_error : public std::exception {
-public:
+  public:
     dh_error(std::int32_t code, std::string message) : code_(code), message_(std::move(message)) {}
 
     std::int32_t code() const noexcept { return code_; }
     const std::string& message() const noexcept { return message_; }
     const char* what() const noexcept override { return message_.c_str(); }
 
-private:
+  private:
     std::int32_t code_;
     std::string message_;
 };

@@ -13,23 +13,41 @@ dh_db_leaf_node::dh_db_leaf_node(dh_db& db, std::vector<std::string> path)
 
 dh_db_leaf_node::~dh_db_leaf_node() = default;
 
-void dh_db_leaf_node::throw_not_supported() { throw dh_error(-95, "Operation not supported"); }
+void dh_db_leaf_node::throw_not_supported() {
+    throw dh_error(-95, "Operation not supported");
+}
 
-dh::Value dh_db_leaf_node::export_history_entry(dh::Allocator&) { throw_not_supported(); }
-void dh_db_leaf_node::get(std::string_view, dh::Allocator&, dh::Value&) { throw_not_supported(); }
-void dh_db_leaf_node::set(std::string_view, const dh::Value&) { throw_not_supported(); }
+dh::Value dh_db_leaf_node::export_history_entry(dh::Allocator&) {
+    throw_not_supported();
+}
+void dh_db_leaf_node::get(std::string_view, dh::Allocator&, dh::Value&) {
+    throw_not_supported();
+}
+void dh_db_leaf_node::set(std::string_view, const dh::Value&) {
+    throw_not_supported();
+}
 void dh_db_leaf_node::run(std::string_view, const dh::Value&, dh::Allocator&, dh::Value&) {
     throw_not_supported();
 }
-void dh_db_leaf_node::reset() { throw_not_supported(); }
-void dh_db_leaf_node::periodic_task(bool) { throw_not_supported(); }
-bool dh_db_leaf_node::subscription_supported() { return false; }
+void dh_db_leaf_node::reset() {
+    throw_not_supported();
+}
+void dh_db_leaf_node::periodic_task(bool) {
+    throw_not_supported();
+}
+bool dh_db_leaf_node::subscription_supported() {
+    return false;
+}
 void dh_db_leaf_node::subscribe(const std::shared_ptr<dh_session>&, std::string_view,
                                 dh::Allocator&, dh::Value&, std::unique_lock<std::mutex>&) {
     throw_not_supported();
 }
-void dh_db_leaf_node::unsubscribe(const std::shared_ptr<dh_session>&) { throw_not_supported(); }
-std::string dh_db_leaf_node::get_info() { return "leaf"; }
+void dh_db_leaf_node::unsubscribe(const std::shared_ptr<dh_session>&) {
+    throw_not_supported();
+}
+std::string dh_db_leaf_node::get_info() {
+    return "leaf";
+}
 
 dh::Value dh_db_leaf_node::get_info(dh::Allocator& allocator) {
     dh::Value info(rapidjson::kObjectType);
@@ -40,12 +58,20 @@ dh::Value dh_db_leaf_node::get_info(dh::Allocator& allocator) {
     return info;
 }
 
-bool dh_db_leaf_node::is_async() { return false; }
-bool dh_db_leaf_node::write_returns_response() { return false; }
+bool dh_db_leaf_node::is_async() {
+    return false;
+}
+bool dh_db_leaf_node::write_returns_response() {
+    return false;
+}
 
-std::string dh_db_leaf_node::get_path(std::size_t from) const { return dh_db::join_path(path_, from); }
+std::string dh_db_leaf_node::get_path(std::size_t from) const {
+    return dh_db::join_path(path_, from);
+}
 
-bool dh_db_event_node::subscription_supported() { return true; }
+bool dh_db_event_node::subscription_supported() {
+    return true;
+}
 
 void dh_db_event_node::subscribe(const std::shared_ptr<dh_session>& session, std::string_view,
                                  dh::Allocator&, dh::Value&, std::unique_lock<std::mutex>&) {

@@ -17,7 +17,7 @@ class dh_session;
 // "Operation not supported"; node kinds override what they support. The server calls the
 // operations; a node never knows about sockets.
 class dh_db_leaf_node : public std::enable_shared_from_this<dh_db_leaf_node> {
-public:
+  public:
     dh_db_leaf_node(dh_db& db, std::vector<std::string> path);
     virtual ~dh_db_leaf_node();
     dh_db_leaf_node(const dh_db_leaf_node&) = delete;
@@ -56,7 +56,7 @@ public:
 
     [[noreturn]] static void throw_not_supported();
 
-private:
+  private:
     dh_db& db_;
     const std::vector<std::string> path_;
 };
@@ -64,7 +64,7 @@ private:
 // A leaf that clients can subscribe to. It keeps its subscribers (weakly: a closed session drops
 // out) and the latest event it sent, which is its history entry.
 class dh_db_event_node : public dh_db_leaf_node {
-public:
+  public:
     using dh_db_leaf_node::dh_db_leaf_node;
 
     dh::Value export_history_entry(dh::Allocator& allocator) override;
@@ -88,7 +88,7 @@ public:
     void send_event_to_session_impl(const std::shared_ptr<dh_session>& session, bool initial,
                                     dh::Document&& event);
 
-private:
+  private:
     std::shared_ptr<const std::string> stamp_and_serialise(dh::Document& event);
 
     // Guards subscribers_ and last_event_; taken briefly, never while calling a session.

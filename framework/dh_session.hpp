@@ -13,7 +13,7 @@ class dh_db_leaf_node;
 // connection is open. deliver() is thread-safe and never blocks; end_subscriptions() runs once
 // when the connection closes so that no node keeps sending to it.
 class dh_session : public std::enable_shared_from_this<dh_session> {
-public:
+  public:
     dh_session();
     virtual ~dh_session();
     dh_session(const dh_session&) = delete;
@@ -33,7 +33,7 @@ public:
     // Marks the session closed and unsubscribes it from every node it subscribed to.
     void end_subscriptions();
 
-private:
+  private:
     const std::uint64_t id_;
     std::atomic<bool> closed_{false};
     // Guards subscriptions_; taken by the server's threads, never while a node lock is held.

@@ -14,16 +14,16 @@
 #include <boost/log/sinks/sync_frontend.hpp>
 #include <boost/log/sinks/text_ostream_backend.hpp>
 #include <boost/log/support/date_time.hpp>
-#include <boost/shared_ptr.hpp>
 #include <boost/make_shared.hpp>
+#include <boost/shared_ptr.hpp>
 
 namespace logging = boost::log;
 namespace expr = boost::log::expressions;
 
 namespace {
 
-constexpr std::array<const char*, 8> severity_names = {
-    "emergency", "alert", "critical", "error", "warning", "notice", "info", "debug"};
+constexpr std::array<const char*, 8> severity_names = {"emergency", "alert",  "critical", "error",
+                                                       "warning",   "notice", "info",     "debug"};
 
 BOOST_LOG_ATTRIBUTE_KEYWORD(severity_kw, "Severity", int)
 BOOST_LOG_ATTRIBUTE_KEYWORD(channel_kw, "Channel", std::string)

@@ -17,7 +17,7 @@ class value_group;
 // Implemented by node kinds that need to know the group they belong to (polled values count
 // their poll interval in the group's cycles and run their method on its worker).
 class value_group_member {
-public:
+  public:
     virtual ~value_group_member() = default;
     virtual void joined_group(value_group& group) = 0;
 };
@@ -41,7 +41,7 @@ public:
 // The group holds its members weakly; the ticker and the workers stop, and are joined, when the
 // group is destroyed. A member's periodic_task never runs after the destructor returned.
 class value_group {
-public:
+  public:
     value_group(unsigned period_ms, unsigned phase_ms, unsigned workers);
     ~value_group();
     value_group(const value_group&) = delete;
@@ -59,7 +59,7 @@ public:
     // Liveness token for members that post work: expired once the group is being destroyed.
     std::weak_ptr<void> alive() const { return alive_; }
 
-private:
+  private:
     void ticker();
     void worker();
 

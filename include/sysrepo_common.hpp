@@ -30,7 +30,7 @@ int system(const std::string& cmd);
 // The one seam to the host: a process-wide runner that unit tests replace to check exact
 // command texts and feed back output without starting processes.
 class command_runner {
-public:
+  public:
     virtual ~command_runner() = default;
     // popen(cmd, "r"): appends what the command prints to `output`; returns the raw wait status.
     // Throws std::runtime_error when the pipe cannot be opened.
@@ -78,12 +78,11 @@ inline constexpr std::array<std::string_view, 28> OSPF_INTERFACES = {
 extern const std::array<std::string_view, 28> IETH_INTERFACES;
 
 inline constexpr std::array<tun_interface, 32> TUN_INTERFACES = {{
-    {"e1.8", 8},    {"e2.8", 8},    {"e3.8", 8},    {"e4.8", 8},    {"e5.8", 8},
-    {"e6.8", 8},    {"e7.8", 8},    {"e8.8", 8},    {"e9.8", 8},    {"e10.8", 8},
-    {"e11.8", 8},   {"e12.8", 8},   {"e13.8", 8},   {"e13.21", 21}, {"e13.22", 22},
-    {"e13.23", 23}, {"e13.24", 24}, {"e14.8", 8},   {"e14.21", 21}, {"e14.22", 22},
-    {"e14.23", 23}, {"e14.24", 24}, {"e15.8", 8},   {"e15.21", 21}, {"e15.22", 22},
-    {"e15.23", 23}, {"e15.24", 24}, {"e16.8", 8},   {"e16.21", 21}, {"e16.22", 22},
+    {"e1.8", 8},    {"e2.8", 8},    {"e3.8", 8},    {"e4.8", 8},    {"e5.8", 8},    {"e6.8", 8},
+    {"e7.8", 8},    {"e8.8", 8},    {"e9.8", 8},    {"e10.8", 8},   {"e11.8", 8},   {"e12.8", 8},
+    {"e13.8", 8},   {"e13.21", 21}, {"e13.22", 22}, {"e13.23", 23}, {"e13.24", 24}, {"e14.8", 8},
+    {"e14.21", 21}, {"e14.22", 22}, {"e14.23", 23}, {"e14.24", 24}, {"e15.8", 8},   {"e15.21", 21},
+    {"e15.22", 22}, {"e15.23", 23}, {"e15.24", 24}, {"e16.8", 8},   {"e16.21", 21}, {"e16.22", 22},
     {"e16.23", 23}, {"e16.24", 24},
 }};
 

@@ -3,10 +3,10 @@
 namespace qmx_common_definitions {
 
 // Function-local constants: built on first use, safely under concurrent first calls.
-#define QMX_TEXT(name, text)                \
-    const std::string& name() {             \
+#define QMX_TEXT(name, text)                  \
+    const std::string& name() {               \
         static const std::string value{text}; \
-        return value;                       \
+        return value;                         \
     }
 
 QMX_TEXT(string_100G, "100G")

@@ -12,7 +12,7 @@
 // inventory, all read from `ethtool -m PORT` (cached one second per port). Owns a poll thread
 // that follows insertion and removal. Created as a shared object: its nodes hold weak references.
 class sfp_plus_data_reader : public std::enable_shared_from_this<sfp_plus_data_reader> {
-public:
+  public:
     explicit sfp_plus_data_reader(dh_db& db);
     ~sfp_plus_data_reader();
     sfp_plus_data_reader(const sfp_plus_data_reader&) = delete;
@@ -31,7 +31,7 @@ public:
     bool update_present(std::string_view port);
     void poll_func();
 
-private:
+  private:
     struct state;
     dh_db& db_;
     std::unique_ptr<state> state_;

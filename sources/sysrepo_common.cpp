@@ -20,8 +20,8 @@ const std::string NSENTER_CMD = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/
 namespace {
 
 std::array<std::string_view, 28> make_ieth_interfaces() {
-    return {"e1",  "e2",  "e3",  "e4",  "e5",  "e6",  "e7",  "e8",  "e9",  "e10",
-            "e11", "e12", "e13", "e14", "e15", "e16", "e17", "e18", "e19", "e20",
+    return {"e1",  "e2",  "e3",  "e4",  "e5",  "e6",  "e7",  "e8",          "e9",  "e10",
+            "e11", "e12", "e13", "e14", "e15", "e16", "e17", "e18",         "e19", "e20",
             "e21", "e22", "e23", "e24", "e25", "e26", "e27", MGMT_INTERFACE};
 }
 
@@ -31,7 +31,7 @@ struct pipe_closer {
 };
 
 class popen_runner final : public command_runner {
-public:
+  public:
     int run_capture(const std::string& cmd, std::string& output) override {
         int status = -1;
         {
@@ -85,7 +85,8 @@ std::string exec(const std::string& cmd, bool log_failure) {
         try {
             status = runner()->run_capture(cmd, result);
         } catch (const std::runtime_error&) {
-            if (log_failure) MSG_LOG(3, "exec") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
+            if (log_failure)
+                MSG_LOG(3, "exec") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
             throw dh_error(-1, message);
         }
         if (status == 0) return result;
@@ -113,7 +114,9 @@ void exec(const std::string& cmd, std::string_view input) {
     }
 }
 
-int system(const std::string& cmd) { return runner()->run_system(cmd); }
+int system(const std::string& cmd) {
+    return runner()->run_system(cmd);
+}
 
 std::string prefix_length_to_netmask(int n) {
     std::string out;

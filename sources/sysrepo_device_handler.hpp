@@ -67,7 +67,7 @@ std::map<std::string, std::string> parse_rauc_status(const std::string& text);
 // reaches a setter) -> image_mutex -> mutex -> install_status_mutex. A node's lock is never
 // taken while `mutex` is held, except the per-port LLDP nodes, whose locks are leaves.
 class sysrepo_device_handler : public std::enable_shared_from_this<sysrepo_device_handler> {
-public:
+  public:
     explicit sysrepo_device_handler(dh_db& db);
     ~sysrepo_device_handler();
     sysrepo_device_handler(const sysrepo_device_handler&) = delete;
@@ -87,8 +87,8 @@ public:
 
     // IPv4 interface settings, enable switch, interface modes.
     void set_ifconf(std::string_view name, const Document& request);
-    void update_ifconf(Document& doc, std::string_view name, std::string address,
-                       int prefix_length, bool forwarding);
+    void update_ifconf(Document& doc, std::string_view name, std::string address, int prefix_length,
+                       bool forwarding);
     Document get_ifconf_oper_ipv4(const std::string& name);
     Document get_ifconf(std::string_view name);
     Document get_ifconf(const Document& doc, std::string_view name);
@@ -190,7 +190,7 @@ public:
     // Device temperature margin for "data/temperatureMargin".
     double get_master_margin();
 
-private:
+  private:
     void register_nodes(const Document& running, const Document& oper);
     void set_install_status(std::string text);
 

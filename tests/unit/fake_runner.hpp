@@ -11,7 +11,7 @@
 // Replaces the process-wide command runner for the lifetime of the object. Every command is
 // recorded with its kind and input; replies come from rules matched by command text.
 class fake_runner : public sysrepo_common::command_runner {
-public:
+  public:
     struct call {
         enum kind_t { capture, feed, system } kind;
         std::string cmd;
@@ -24,7 +24,7 @@ public:
 
     // Installs a fresh fake runner; restores the previous runner when the guard goes.
     class guard {
-    public:
+      public:
         guard() : runner_(std::make_shared<fake_runner>()) {
             previous_ = sysrepo_common::set_command_runner(runner_);
         }
@@ -32,7 +32,7 @@ public:
         fake_runner* operator->() const { return runner_.get(); }
         fake_runner& operator*() const { return *runner_; }
 
-    private:
+      private:
         std::shared_ptr<fake_runner> runner_;
         std::shared_ptr<sysrepo_common::command_runner> previous_;
     };
@@ -75,7 +75,7 @@ public:
         return answer({call::system, cmd, {}}).status;
     }
 
-private:
+  private:
     reply answer(call c) {
         std::function<reply(const call&)> f;
         reply r;
