@@ -122,8 +122,9 @@ std::string prefix_length_to_netmask(int n) {
     std::string out;
     for (int k = 0; k < 4; ++k) {
         unsigned octet = 0;
+        // 64-bit arithmetic: lengths near the ends of the int range must not overflow.
         for (int j = 0; j < 8; ++j)
-            if (n - 8 * k - j > 0) octet |= 0x80u >> j;
+            if (static_cast<long long>(n) - 8 * k - j > 0) octet |= 0x80u >> j;
         if (k) out += '.';
         out += std::to_string(octet);
     }
