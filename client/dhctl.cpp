@@ -1,0 +1,384 @@
+// dhctl: command-line client of the device-handler daemon.
+
+#include <cctype>
+#include <csignal>
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+#include <boost/program_options.hpp>
+
+#include "dh_client.hpp"
+
+namespace po = boost::program_options;
+namespace dc = dh::client;
+
+namespace {
+
+constexpr const char* default_socket = "/tmp/device_handlers/sysrepo/dh.sock";
+constexpr std::size_t unlimited = static_cast<std::size_t>(-1);
+
+// Exit statuses.
+constexpr int exit_failure = 1;
+constexpr int exit_usage = 2;
+
+struct command_help {
+    const char* synopsis;
+    const char* summary;
+    std::size_t min_args;
+    std::size_t max_args;
+    const char* details;
+};
+
+const std::map<std::string, command_help>& commands() {
+    static const std::map<std::string, command_help> table = {
+        {"get",
+         {"get PATH", "print a leaf's value", 1, 1,
+          "Prints the value of the leaf at PATH: a string bare, anything else as JSON\n"
+          "(null where a parameter is not set).\n\n"
+          "Example:\n  dhctl get config/ospf/areaId\n"}},
+        {"set",
+         {"set PATH VALUE", "write a leaf's value", 2, 2,
+          "Writes VALUE to the leaf at PATH and prints nothing on success.\n"
+          "VALUE is taken as JSON when it is one valid JSON text (5, true, null,\n"
+          "{\"a\":1}, \"text\") and as a plain string otherwise: `set P abc` and\n"
+          "`set P '\"abc\"'` both send the string abc; to send the string \"5\", write\n"
+          "'\"5\"'. A VALUE starting with '-' that is not a number goes after `--`.\n\n"
+          "Examples:\n  dhctl set config/ospf/areaId 0.0.0.2\n"
+          "  dhctl set config/dnsSettings '{\"servers\":[\"192.0.2.53\"]}'\n"}},
+        {"run",
+         {"run PATH [VALUE]", "run a command leaf", 1, 2,
+          "Runs the command at PATH with VALUE (read as for `set`; null when absent) and\n"
+          "prints its response unless that is null. Long commands such as image installs\n"
+          "may need a larger --timeout.\n\n"
+          "Examples:\n  dhctl run command/reboot true\n"
+          "  dhctl --timeout 900 run command/bootImage http://192.0.2.1/bundle.raucb\n"}},
+        {"watch",
+         {"watch PATH...", "print value changes until interrupted", 1, unlimited,
+          "Subscribes to every PATH, prints each one's current value, then one line per\n"
+          "event, `TIME PATH VALUE`, until interrupted (Ctrl-C or SIGTERM; exit status 0).\n"
+          "The current values are stamped with the local clock. With --json every line is\n"
+          "an event object; current values have \"type\":\"initial\".\n\n"
+          "Example:\n  dhctl watch data/configStatus data/installStatus\n"}},
+        {"ls",
+         {"ls [PREFIX]", "list leaves with their descriptions", 0, 1,
+          "Lists the leaves whose path equals PREFIX or lies below it (every leaf without\n"
+          "PREFIX), sorted, one per line: the path and its one-line description.\n\n"
+          "Examples:\n  dhctl ls config/ospf\n  dhctl ls | wc -l\n"}},
+        {"info",
+         {"info PATH", "print a leaf's description object", 1, 1,
+          "Prints the description object of the leaf at PATH: its kind, value type,\n"
+          "capabilities, constraints, default value and so on.\n\n"
+          "Example:\n  dhctl info config/ntp/adminStatus\n"}},
+        {"history",
+         {"history [N]", "print the last N recorded changes", 0, 1,
+          "Prints the last N (default 100) changes the daemon recorded, oldest first,\n"
+          "one per line: `TIME PATH VALUE`.\n\n"
+          "Example:\n  dhctl history 20\n"}},
+        {"help",
+         {"help [COMMAND]", "print help", 0, 1,
+          "Prints the general help, or the help of COMMAND.\n"}},
+    };
+    return table;
+}
+
+po::options_description global_options() {
+    po::options_description options("Global options");
+    // clang-format off
+    options.add_options()
+        ("help,h", "print help; after a command, that command's help")
+        ("socket", po::value<std::string>()->value_name("PATH"),
+         "the daemon's Unix socket (default: $DH_SOCKET, else /tmp/device_handlers/sysrepo/dh.sock)")
+        ("host", po::value<std::string>()->value_name("HOST"),
+         "connect over TCP to HOST (a name, an IPv4 or an IPv6 address) instead")
+        ("port", po::value<unsigned>()->value_name("PORT"), "TCP port (default 9700)")
+        ("json", "print raw JSON, one line per value or event")
+        ("timeout", po::value<double>()->value_name("SECONDS")->default_value(60),
+         "limit for connecting and for each request");
+    // clang-format on
+    return options;
+}
+
+void print_general_help(std::ostream& out) {
+    out << "Usage: dhctl [OPTIONS] COMMAND [ARGS...]\n\n"
+           "Reads, writes and watches the leaves of the device-handler daemon.\n\n"
+           "Commands:\n";
+    for (const auto& [name, help] : commands())
+        out << fmt::format("  {:<18}{}\n", help.synopsis, help.summary);
+    out << '\n'
+        << global_options()
+        << "\nVALUE arguments are JSON when they parse as JSON, plain strings otherwise.\n"
+           "Errors from the daemon print `error CODE: MESSAGE` and exit with status 1;\n"
+           "usage errors exit with status 2.\n"
+           "Run `dhctl help COMMAND` for a command's details.\n";
+}
+
+void print_command_help(const std::string& name, std::ostream& out) {
+    const command_help& help = commands().at(name);
+    out << "Usage: dhctl [OPTIONS] " << help.synopsis << "\n\n" << help.details;
+}
+
+int usage_error(const std::string& text) {
+    std::cerr << "dhctl: " << text << "\nRun `dhctl --help` for usage.\n";
+    return exit_usage;
+}
+
+// Tokens such as -5 or -0.5 are values, not options.
+std::pair<std::string, std::string> negative_number_as_argument(const std::string& token) {
+    if (token.size() > 1 && token[0] == '-' &&
+        (std::isdigit(static_cast<unsigned char>(token[1])) || token[1] == '.'))
+        return {"args", token};
+    return {};
+}
+
+volatile std::sig_atomic_t interrupted = 0;
+
+extern "C" void on_interrupt(int) {
+    interrupted = 1;
+}
+
+struct output {
+    bool json;
+
+    void value(const rapidjson::Value& v) const {
+        std::cout << (json ? dc::to_json(v) : dc::display_value(v, true)) << '\n';
+    }
+
+    void change(const std::string& time, const std::string& path, const rapidjson::Value& v) const {
+        std::cout << time << ' ' << path << ' ' << dc::display_value(v, false) << '\n';
+    }
+};
+
+std::string now_utc_iso() {
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const auto ms = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
+    const std::time_t t = system_clock::to_time_t(now);
+    std::tm tm{};
+    gmtime_r(&t, &tm);
+    return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z", tm.tm_year + 1900,
+                       tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, ms);
+}
+
+rapidjson::Document optional_value(const std::vector<std::string>& args, std::size_t index) {
+    if (index < args.size()) return dc::parse_cli_value(args[index]);
+    return rapidjson::Document();
+}
+
+// Prints the current values, then every event until SIGINT/SIGTERM. A subscription also sends
+// the current value as an event (before or after its response); the first event of a path that
+// repeats the value already printed is that one and is skipped.
+int watch(dc::client& c, const std::vector<std::string>& paths, const output& out) {
+    struct sigaction action {};
+    action.sa_handler = on_interrupt;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+
+    std::map<std::string, std::optional<rapidjson::Document>> initial;
+    for (const auto& raw : paths) {
+        auto value = c.subscribe(raw);
+        std::string path = raw;
+        while (!path.empty() && path.front() == '/') path.erase(0, 1);
+        while (!path.empty() && path.back() == '/') path.pop_back();
+        const std::string time = now_utc_iso();
+        if (out.json) {
+            rapidjson::Document line(rapidjson::kObjectType);
+            auto& a = line.GetAllocator();
+            line.AddMember("path", rapidjson::Value(path.c_str(), a), a);
+            line.AddMember("type", "initial", a);
+            line.AddMember("value", rapidjson::Value(value, a), a);
+            line.AddMember("time", rapidjson::Value(time.c_str(), a), a);
+            std::cout << dc::to_json(line) << '\n';
+        } else {
+            out.change(time, path, value);
+        }
+        std::cout.flush();
+        initial[path] = std::move(value);
+    }
+
+    while (!interrupted) {
+        auto e = c.next_event(std::chrono::milliseconds(200));
+        if (!e) continue;
+        auto it = initial.find(e->path);
+        if (it != initial.end() && it->second) {
+            const bool repeat = *it->second == e->value;
+            it->second.reset();
+            if (repeat) continue;
+        }
+        if (out.json) {
+            rapidjson::Document line(rapidjson::kObjectType);
+            auto& a = line.GetAllocator();
+            line.AddMember("path", rapidjson::Value(e->path.c_str(), a), a);
+            line.AddMember("type", rapidjson::Value(e->type.c_str(), a), a);
+            line.AddMember("value", rapidjson::Value(e->value, a), a);
+            line.AddMember("seq", e->seq, a);
+            line.AddMember("time", rapidjson::Value(e->time.c_str(), a), a);
+            std::cout << dc::to_json(line) << '\n';
+        } else {
+            out.change(e->time, e->path, e->value);
+        }
+        std::cout.flush();
+    }
+    return EXIT_SUCCESS;
+}
+
+int run_command(dc::client& c, const std::string& command, const std::vector<std::string>& args,
+                const output& out) {
+    if (command == "get") {
+        out.value(c.get(args[0]));
+    } else if (command == "set") {
+        c.set(args[0], dc::parse_cli_value(args[1]));
+        if (out.json) std::cout << "null\n";
+    } else if (command == "run") {
+        auto result = c.run(args[0], optional_value(args, 1));
+        if (out.json || !result.IsNull()) out.value(result);
+    } else if (command == "info") {
+        out.value(c.info(args[0]));
+    } else if (command == "ls") {
+        auto leaves = c.list(args.empty() ? "" : args[0]);
+        if (out.json || !leaves.IsArray()) {
+            out.value(leaves);
+            return EXIT_SUCCESS;
+        }
+        std::size_t width = 0;
+        for (const auto& leaf : leaves.GetArray())
+            if (leaf.IsObject() && leaf.HasMember("path") && leaf["path"].IsString())
+                width = std::max<std::size_t>(width, leaf["path"].GetStringLength());
+        for (const auto& leaf : leaves.GetArray()) {
+            if (!leaf.IsObject()) continue;
+            auto path = leaf.FindMember("path");
+            auto info = leaf.FindMember("info");
+            const std::string p =
+                path != leaf.MemberEnd() ? dc::display_value(path->value, false) : std::string();
+            const std::string i =
+                info != leaf.MemberEnd() ? dc::display_value(info->value, false) : std::string();
+            std::cout << (i.empty() ? p : fmt::format("{:<{}}  {}", p, width, i)) << '\n';
+        }
+    } else if (command == "history") {
+        auto entries = c.history(args.empty() ? 100 : std::stoul(args[0]));
+        if (out.json || !entries.IsArray()) {
+            out.value(entries);
+            return EXIT_SUCCESS;
+        }
+        for (const auto& entry : entries.GetArray()) {
+            if (!entry.IsObject()) continue;
+            auto value = entry.FindMember("value");
+            const rapidjson::Value null_value;
+            out.change(entry.HasMember("time") ? dc::display_value(entry["time"], false) : "-",
+                       entry.HasMember("path") ? dc::display_value(entry["path"], false) : "-",
+                       value != entry.MemberEnd() ? value->value : null_value);
+        }
+    } else if (command == "watch") {
+        return watch(c, args, out);
+    }
+    return EXIT_SUCCESS;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    po::options_description visible = global_options();
+    po::options_description all;
+    all.add(visible).add_options()("command", po::value<std::string>())(
+        "args", po::value<std::vector<std::string>>());
+    po::positional_options_description positional;
+    positional.add("command", 1).add("args", -1);
+
+    po::variables_map vm;
+    try {
+        po::store(po::command_line_parser(argc, argv)
+                      .options(all)
+                      .positional(positional)
+                      .extra_parser(negative_number_as_argument)
+                      .run(),
+                  vm);
+        po::notify(vm);
+    } catch (const po::error& e) {
+        return usage_error(e.what());
+    }
+
+    const std::string command = vm.count("command") ? vm["command"].as<std::string>() : "";
+    auto args =
+        vm.count("args") ? vm["args"].as<std::vector<std::string>>() : std::vector<std::string>();
+
+    if (command == "help" || (command.empty() && vm.count("help"))) {
+        if (command.empty() || args.empty()) {
+            print_general_help(std::cout);
+            return EXIT_SUCCESS;
+        }
+        if (!commands().count(args[0])) return usage_error("unknown command '" + args[0] + "'");
+        print_command_help(args[0], std::cout);
+        return EXIT_SUCCESS;
+    }
+    if (command.empty()) {
+        print_general_help(std::cerr);
+        return exit_usage;
+    }
+    auto spec = commands().find(command);
+    if (spec == commands().end()) return usage_error("unknown command '" + command + "'");
+    if (vm.count("help")) {
+        print_command_help(command, std::cout);
+        return EXIT_SUCCESS;
+    }
+    if (args.size() < spec->second.min_args || args.size() > spec->second.max_args)
+        return usage_error(fmt::format("usage: dhctl {}", spec->second.synopsis));
+
+    if (command == "history" && !args.empty()) {
+        const std::string& n = args[0];
+        if (n.empty() || n.size() > 9 || n.find_first_not_of("0123456789") != std::string::npos)
+            return usage_error("history: N must be a non-negative number, not '" + n + "'");
+    }
+
+    const double seconds = vm["timeout"].as<double>();
+    if (!(seconds > 0) || seconds > 1e7) return usage_error("--timeout must be a positive number");
+    dc::options opts;
+    opts.timeout = std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
+
+    const bool tcp = vm.count("host") || vm.count("port");
+    if (tcp && vm.count("socket"))
+        return usage_error("--socket cannot be combined with --host/--port");
+    std::string socket_path = default_socket;
+    if (vm.count("socket"))
+        socket_path = vm["socket"].as<std::string>();
+    else if (const char* env = std::getenv("DH_SOCKET"); env && *env)
+        socket_path = env;
+
+    std::optional<dc::client> c;
+    try {
+        if (tcp) {
+            const std::string host = vm.count("host") ? vm["host"].as<std::string>() : "localhost";
+            const unsigned port = vm.count("port") ? vm["port"].as<unsigned>() : 9700;
+            if (port == 0 || port > 65535) return usage_error("--port must be 1..65535");
+            c.emplace(dc::client::tcp(host, std::to_string(port), opts));
+        } else {
+            c.emplace(dc::client::unix_socket(socket_path, opts));
+        }
+    } catch (const dc::client_error& e) {
+        std::cerr << "dhctl: " << e.what() << '\n';
+        if (tcp)
+            std::cerr << "dhctl: is the daemon running and listening on that port? "
+                         "Check --host and --port.\n";
+        else
+            std::cerr << "dhctl: is the daemon running? Set DH_SOCKET (or --socket) to its "
+                         "socket, or start one in the simulated device with `devhost run`.\n";
+        return exit_failure;
+    }
+
+    try {
+        return run_command(*c, command, args, output{vm.count("json") > 0});
+    } catch (const dc::rpc_error& e) {
+        std::cout.flush();
+        std::cerr << e.what();
+        if (e.has_data()) std::cerr << ' ' << dc::to_json(e.data());
+        std::cerr << '\n';
+    } catch (const dc::client_error& e) {
+        std::cout.flush();
+        std::cerr << "dhctl: " << e.what() << '\n';
+    }
+    return exit_failure;
+}
