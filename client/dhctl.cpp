@@ -49,7 +49,7 @@ const std::map<std::string, command_help>& commands() {
           "`set P '\"abc\"'` both send the string abc; to send the string \"5\", write\n"
           "'\"5\"'. A VALUE starting with '-' that is not a number goes after `--`.\n\n"
           "Examples:\n  dhctl set config/ospf/areaId 0.0.0.2\n"
-          "  dhctl set config/dnsSettings '{\"servers\":[\"192.0.2.53\"]}'\n"}},
+          "  dhctl set config/dnsSettings '{\"primaryDnsIpAddress\":\"192.0.2.53\"}'\n"}},
         {"run",
          {"run PATH [VALUE]", "run a command leaf", 1, 2,
           "Runs the command at PATH with VALUE (read as for `set`; null when absent) and\n"
