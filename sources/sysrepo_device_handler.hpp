@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -227,6 +228,10 @@ class sysrepo_device_handler : public std::enable_shared_from_this<sysrepo_devic
     std::map<std::string_view, tunnel_mode_t> ospf_tunnel_mode;
 
     std::thread poll_thread;
+    // The poll thread waits on poll_wakeup between cycles so that the destructor's stop request
+    // ends the wait at once; poll_mutex guards nothing else.
+    std::mutex poll_mutex;
+    std::condition_variable poll_wakeup;
 
     // Interface status values, filled by start() and updated by the poll thread.
     std::map<std::string_view, sysrepo_ietf_ifaces_db> ietf_ifaces;
