@@ -93,16 +93,15 @@ struct client::impl {
 
     enum class got { response, event, timeout };
 
-    // Runs the started operation until its handler has run (`done`) or the deadline passes, in
-    // which case the operation is cancelled. Returns false on timeout.
-    bool wait(const bool& done, steady::time_point deadline) {
+    // Runs the started operation until its handler has run. When the deadline passes first the
+    // operation is cancelled, and its handler sees operation_aborted unless it had completed.
+    void wait(const bool& done, steady::time_point deadline) {
         io.restart();
         io.run_until(deadline);
-        if (done) return true;
+        if (done) return;
         error_code ignored;
         socket.cancel(ignored);
         io.run();
-        return false;
     }
 
     void connect_to(const asio::generic::stream_protocol::endpoint& endpoint,
@@ -115,7 +114,8 @@ struct client::impl {
             done = true;
             result = ec;
         });
-        if (!wait(done, deadline) || result == asio::error::operation_aborted)
+        wait(done, deadline);
+        if (result == asio::error::operation_aborted)
             throw timeout_error(fmt::format("cannot connect to {}: timed out", address));
         if (result)
             throw connection_error(
@@ -129,7 +129,8 @@ struct client::impl {
             done = true;
             result = ec;
         });
-        if (!wait(done, deadline) || result == asio::error::operation_aborted)
+        wait(done, deadline);
+        if (result == asio::error::operation_aborted)
             throw timeout_error(fmt::format("sending to {} timed out", address));
         if (closed_by_peer(result))
             throw connection_error(fmt::format("connection to {} closed by the server", address));
@@ -149,7 +150,8 @@ struct client::impl {
                                    result = ec;
                                    length = n;
                                });
-        if (!wait(done, deadline) || result == asio::error::operation_aborted) return std::nullopt;
+        wait(done, deadline);
+        if (result == asio::error::operation_aborted) return std::nullopt;
         if (closed_by_peer(result))
             throw connection_error(fmt::format("connection to {} closed by the server", address));
         if (result == asio::error::not_found)
