@@ -192,7 +192,9 @@ class sysrepo_device_handler : public std::enable_shared_from_this<sysrepo_devic
     double get_master_margin();
 
   private:
-    void register_nodes(const Document& running, const Document& oper);
+    // Registers the node map; `running` and `oper` are the documents start() exported once, from
+    // which every initial value is read.
+    void register_nodes(Document& running, const Document& oper);
     void set_install_status(std::string text);
 
     dh_db& db;
