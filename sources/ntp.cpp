@@ -1,0 +1,277 @@
+#include <fmt/format.h>
+#include <rapidjson/pointer.h>
+
+#include <cctype>
+#include <vector>
+
+#include <boost/algorithm/string/split.hpp>
+
+#include "dh_error.hpp"
+#include "ietf_system.hpp"
+#include "msg_log.hpp"
+#include "ntp_status.hpp"
+#include "sysrepo_common.hpp"
+#include "sysrepo_device_handler.hpp"
+
+namespace ntp_status {
+
+namespace {
+
+bool in_set(char c, std::string_view set) {
+    return set.find(c) != std::string_view::npos;
+}
+
+}  // namespace
+
+report evaluate(std::string_view selectdata, const std::string& primary,
+                const std::string& secondary) {
+    report r;
+    std::size_t pos = 0;
+    while (pos < selectdata.size()) {
+        std::size_t end = selectdata.find('\n', pos);
+        if (end == std::string_view::npos) end = selectdata.size();
+        const std::string_view line = selectdata.substr(pos, end - pos);
+        pos = end + 1;
+
+        const std::size_t comma = line.find(',');
+        const std::string_view state = line.substr(0, comma);
+        if (state.empty()) continue;
+        std::string_view name;
+        if (comma != std::string_view::npos) {
+            name = line.substr(comma + 1);
+            name = name.substr(0, name.find(','));
+        }
+        const bool is_primary = name == primary;
+        const bool is_secondary = name == secondary;
+
+        if (in_set(state[0], "*+")) {
+            r.overall = synchronised;
+            // A selected "*" already recorded is never replaced by a combined "+".
+            server_state* s = is_primary ? &r.primary : is_secondary ? &r.secondary : nullptr;
+            if (s) {
+                if (s->state != "*") s->state = state;
+                s->code = synchronised;
+            }
+        } else if (in_set(state[0], "WPUD")) {
+            if (r.overall == unknown) r.overall = not_synchronised;
+            if (is_primary && r.primary.code != synchronised) {
+                r.primary = {std::string(state), not_synchronised};
+            } else if (is_secondary && r.secondary.code != synchronised) {
+                r.secondary = {std::string(state), not_synchronised};
+            }
+        } else if (in_set(state[0], "NMd~wSOTx")) {
+            auto open = [](const server_state& s) {
+                return s.code != not_synchronised && s.code != synchronised;
+            };
+            if (is_primary && open(r.primary)) {
+                r.primary = {std::string(state), not_connected};
+            } else if (is_secondary && open(r.secondary)) {
+                r.secondary = {std::string(state), not_connected};
+            }
+        }
+    }
+    return r;
+}
+
+std::string text(const server_state& s) {
+    std::string out;
+    switch (s.code) {
+        case synchronised:
+            out = "synchronized";
+            break;
+        case not_connected:
+            out = "not connected";
+            break;
+        case not_synchronised:
+            out = "not synchronized";
+            break;
+        default:
+            out = "-";
+            break;
+    }
+    if (!s.state.empty()) out += fmt::format(" ({})", s.state);
+    return out;
+}
+
+bool is_valid_server_address(const std::string& address) {
+    if (sysrepo_common::is_string_ipaddress(address)) return true;
+    if (address.empty() || address.size() > 253) return false;
+    std::vector<std::string_view> labels;
+    boost::algorithm::split(labels, std::string_view(address), [](char c) { return c == '.'; });
+    for (auto label : labels) {
+        if (label.empty() || label.size() > 63 || label.front() == '-' || label.back() == '-')
+            return false;
+        for (char c : label)
+            if (!std::isalnum(static_cast<unsigned char>(c)) && c != '-') return false;
+    }
+    return true;
+}
+
+}  // namespace ntp_status
+
+namespace {
+
+constexpr const char* restart_ntpd_cmd = "/etc/init.d/ntpd restart &";
+
+const char* role_name(bool primary) {
+    return primary ? "primary" : "secondary";
+}
+
+// The "server" array of the NTP settings, or nullptr.
+dh::Value* ntp_servers(dh::Value& system) {
+    auto ntp = system.FindMember("ntp");
+    if (ntp == system.MemberEnd() || !ntp->value.IsObject()) return nullptr;
+    auto servers = ntp->value.FindMember("server");
+    return servers != ntp->value.MemberEnd() && servers->value.IsArray() ? &servers->value
+                                                                         : nullptr;
+}
+
+bool has_name(const dh::Value& entry, std::string_view name) {
+    if (!entry.IsObject()) return false;
+    auto it = entry.FindMember("name");
+    return it != entry.MemberEnd() && it->value.IsString() &&
+           std::string_view(it->value.GetString(), it->value.GetStringLength()) == name;
+}
+
+// The "ntp" object, created holding "enabled": false when missing.
+dh::Value& ensure_ntp(dh::Value& system, dh::Allocator& allocator) {
+    auto it = system.FindMember("ntp");
+    if (it == system.MemberEnd()) {
+        dh::Value ntp(rapidjson::kObjectType);
+        ntp.AddMember("enabled", false, allocator);
+        system.AddMember("ntp", ntp, allocator);
+        return system["ntp"];
+    }
+    if (!it->value.IsObject()) it->value.SetObject();
+    return it->value;
+}
+
+}  // namespace
+
+std::string sysrepo_device_handler::get_ntp_adminStatus() {
+    return get_ntp_adminStatus(export_data(false));
+}
+
+std::string sysrepo_device_handler::get_ntp_adminStatus(const Document& doc) {
+    const auto* enabled = rapidjson::Pointer("/ietf-system:system/ntp/enabled").Get(doc);
+    return enabled && enabled->IsTrue() ? "up" : "down";
+}
+
+void sysrepo_device_handler::set_ntp_adminStatus(const std::string& status) {
+    std::lock_guard lock(mutex);
+    if (status != "down" && status != "up") {
+        const std::string message =
+            "ntp admin status should be either 'up' or 'down' , not:" + status;
+        MSG_LOG(3, "set_ntp_adminStatus") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
+        throw dh_error(-22, message);
+    }
+    Document doc = export_data(false);
+    auto& ntp = ensure_ntp(ietf_system::container(doc), doc.GetAllocator());
+    auto enabled = ntp.FindMember("enabled");
+    if (enabled == ntp.MemberEnd())
+        ntp.AddMember("enabled", status == "up", doc.GetAllocator());
+    else
+        enabled->value.SetBool(status == "up");
+    import_data(doc, false);
+    restart_ntpd();
+}
+
+std::string sysrepo_device_handler::get_ntp_server(bool primary) {
+    return get_ntp_server(export_data(false), primary);
+}
+
+std::string sysrepo_device_handler::get_ntp_server(const Document& doc, bool primary) {
+    const auto* servers = rapidjson::Pointer("/ietf-system:system/ntp/server").Get(doc);
+    if (!servers || !servers->IsArray()) return {};
+    for (const auto& entry : servers->GetArray()) {
+        if (!has_name(entry, role_name(primary))) continue;
+        const auto* address = rapidjson::Pointer("/udp/address").Get(entry);
+        return address && address->IsString() ? address->GetString() : std::string();
+    }
+    return {};
+}
+
+void sysrepo_device_handler::set_ntp_server(bool primary, const std::string& address) {
+    // Hardening: the address ends up in chrony's configuration; only addresses and host names
+    // are let through ("n/a" is what some clients write for "no server").
+    if (!address.empty() && address != "n/a" && !ntp_status::is_valid_server_address(address))
+        throw dh_error(-22, "Invalid NTP server address: " + address);
+
+    std::lock_guard lock(mutex);
+    const char* role = role_name(primary);
+    Document doc = export_data(false);
+    auto& allocator = doc.GetAllocator();
+    auto& system = ietf_system::container(doc);
+
+    if (address.empty()) {
+        if (auto* servers = ntp_servers(system)) {
+            for (auto it = servers->Begin(); it != servers->End(); ++it)
+                if (has_name(*it, role)) {
+                    servers->Erase(it);
+                    break;
+                }
+        }
+    } else {
+        const std::string other = get_ntp_server(doc, !primary);
+        if (!other.empty() && other != "n/a" &&
+            sysrepo_common::is_string_ipaddress(address) !=
+                sysrepo_common::is_string_ipaddress(other))
+            throw dh_error(-22, fmt::format("Both NTP servers must be either IP address or DNS "
+                                            "name: ({}, {}).",
+                                            address, other));
+
+        auto& ntp = ensure_ntp(system, allocator);
+        if (!ntp_servers(system)) {
+            ntp.RemoveMember("server");
+            ntp.AddMember("server", dh::Value(rapidjson::kArrayType), allocator);
+        }
+        auto& servers = ntp["server"];
+        dh::Value* found = nullptr;
+        for (auto& entry : servers.GetArray())
+            if (has_name(entry, role)) {
+                found = &entry;
+                break;
+            }
+        if (found) {
+            rapidjson::Pointer("/udp/address").Set(*found, address, allocator);
+        } else {
+            dh::Value udp(rapidjson::kObjectType);
+            udp.AddMember("address", dh::Value(address, allocator), allocator);
+            dh::Value entry(rapidjson::kObjectType);
+            entry.AddMember("udp", udp, allocator);
+            entry.AddMember("name", dh::Value(role, allocator), allocator);
+            entry.AddMember("association-type", "server", allocator);
+            entry.AddMember("iburst", true, allocator);
+            if (primary) entry.AddMember("prefer", true, allocator);
+            servers.PushBack(entry, allocator);
+        }
+    }
+    import_data(doc, false);
+    restart_ntpd();
+}
+
+Document sysrepo_device_handler::get_ntp_status() {
+    ntp_status::report report;
+    std::string primary;
+    std::string secondary;
+    if (get_ntp_adminStatus() == "up") {
+        primary = get_ntp_server(true);
+        secondary = get_ntp_server(false);
+        const std::string output = sysrepo_common::exec(
+            fmt::format("{} /bin/chronyc -cN selectdata", sysrepo_common::NSENTER_CMD), true);
+        if (!output.empty()) report = ntp_status::evaluate(output, primary, secondary);
+    }
+
+    Document out(rapidjson::kObjectType);
+    auto& allocator = out.GetAllocator();
+    const std::string primary_text = primary.empty() ? "-" : ntp_status::text(report.primary);
+    const std::string secondary_text = secondary.empty() ? "-" : ntp_status::text(report.secondary);
+    out.AddMember("primary", dh::Value(primary_text, allocator), allocator);
+    out.AddMember("secondary", dh::Value(secondary_text, allocator), allocator);
+    out.AddMember("overall", report.overall, allocator);
+    return out;
+}
+
+void sysrepo_device_handler::restart_ntpd() {
+    sysrepo_common::system(restart_ntpd_cmd);
+}
