@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+class dh_db;
+
+namespace dh::server {
+
+namespace detail {
+class server_core;
+}
+
+// Limits of the protocol server. The defaults are the protocol's; tests lower some of them.
+struct options {
+    // Open connections over all sockets; the next one is answered -32000 and closed.
+    std::size_t max_connections = 1000;
+    // Longest accepted request line, without its newline.
+    std::size_t max_line = std::size_t{1} << 20;
+    // Output bytes waiting for one connection before it is closed.
+    std::size_t max_queued = std::size_t{8} << 20;
+    // Deepest accepted nesting of arrays and objects in one line (the request object counts).
+    unsigned max_depth = 64;
+    // Threads that run the operations of nodes whose is_async() answers true.
+    unsigned workers = 4;
+};
+
+// The newline-delimited JSON-RPC 2.0 server over the node tree.
+//
+// Threads: run() serves all sockets on the calling thread (accepting, reading, parsing,
+// dispatching, writing, and the operations of immediate nodes). Operations of nodes whose
+// is_async() is true run on a pool of `workers` threads; their responses, and events from any
+// thread, are handed back to the serving thread through each connection's locked inbox.
+// Operations of one connection on one node are carried out in the order they arrived; across
+// nodes and connections they overlap, so responses may come out of order.
+class server {
+  public:
+    // Opens <socket_dir>/dh.sock (directory created, stale file replaced, mode 0660) and TCP on
+    // 0.0.0.0:port (127.0.0.1 when local_only; port 0 picks a free one). Failures raise
+    // std::system_error.
+    server(dh_db& db, const std::string& socket_dir, unsigned port, bool local_only,
+           options opts = {});
+    // Stops serving, waits for run() to return, joins the workers, closes every connection
+    // (ending its subscriptions) and removes the socket file.
+    ~server();
+    server(const server&) = delete;
+    server& operator=(const server&) = delete;
+
+    // Opens [::]:port (the TCP port) bound to `interface` with SO_BINDTODEVICE and IPV6_V6ONLY.
+    // A missing interface raises std::system_error.
+    void start_ipv6_socket(const std::string& interface);
+    // Serves on the calling thread until stop(); returns at once if stop() came first.
+    void run();
+    // Thread-safe; makes run() return.
+    void stop();
+
+    unsigned tcp_port() const;
+    // 0 until start_ipv6_socket() succeeded.
+    unsigned ipv6_port() const;
+    const std::string& socket_path() const;
+    // Connections open right now (thread-safe).
+    std::size_t connection_count() const;
+
+  private:
+    std::unique_ptr<detail::server_core> core_;
+};
+
+}  // namespace dh::server
