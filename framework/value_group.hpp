@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -74,8 +76,14 @@ class value_group {
     std::condition_variable worker_cv_;
     bool stopping_ = false;
     std::vector<std::weak_ptr<dh_db_leaf_node>> members_;
-    std::vector<std::weak_ptr<dh_db_leaf_node>> ticked_;
-    std::vector<std::function<void()>> jobs_;
+    // A list, so that the ticker can note a member's failure streak while unlocked; only the
+    // ticker erases from it.
+    struct ticked_member {
+        std::weak_ptr<dh_db_leaf_node> node;
+        bool failing = false;
+    };
+    std::list<ticked_member> ticked_;
+    std::deque<std::function<void()>> jobs_;
     std::thread ticker_thread_;
     std::vector<std::thread> worker_threads_;
 };
