@@ -60,8 +60,11 @@ constexpr std::size_t initial_read_buffer = 16 * 1024;
 constexpr std::size_t kept_read_buffer = 64 * 1024;
 constexpr std::size_t kept_write_buffer = 256 * 1024;
 
-constexpr unsigned parse_flags = rapidjson::kParseInsituFlag | rapidjson::kParseIterativeFlag |
-                                 rapidjson::kParseValidateEncodingFlag;
+// Lines are parsed straight from the read buffer, but not in situ: strings are copied into the
+// request's pool, because rapidjson's Value copies share strings that are not marked as copied,
+// and nodes keep copies of what they are given.
+constexpr unsigned parse_flags =
+    rapidjson::kParseIterativeFlag | rapidjson::kParseValidateEncodingFlag;
 
 // The request document allocates its values and its parse stack from one pool that is emptied
 // before each line, so parsing a request normally touches no heap at all.
@@ -1015,7 +1018,7 @@ void server_core::handle_line(connection& c, char* line, std::size_t len) {
     if (is_blank(line, len)) return;
     parse_pool_.Clear();
     request_document doc(&parse_pool_, 1024, &parse_pool_);
-    rapidjson::InsituStringStream in(line);
+    rapidjson::StringStream in(line);
     depth_limiter<request_document> limiter(doc, opts.max_depth);
     bool parsed = false;
     auto generate = [&](request_document&) {

@@ -1,0 +1,333 @@
+#pragma once
+
+// Shared by the server tests: a raw line client on real sockets, small node kinds, and a
+// fixture that runs a real server on a socket in a temporary directory.
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "device_handler_api.hpp"
+#include "dh_db.hpp"
+#include "dh_node.hpp"
+#include "dh_session.hpp"
+
+namespace server_test {
+
+using namespace std::chrono_literals;
+
+inline bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(1ms);
+    }
+    return true;
+}
+
+// One connection that sends raw text and reads whole lines, each with a deadline.
+class line_client {
+  public:
+    static line_client unix_socket(const std::string& path) {
+        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            ::close(fd);
+            throw std::runtime_error("connect " + path + ": " + std::strerror(errno));
+        }
+        return line_client(fd);
+    }
+
+    static line_client tcp(unsigned port) {
+        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            ::close(fd);
+            throw std::runtime_error(std::string("connect tcp: ") + std::strerror(errno));
+        }
+        return line_client(fd);
+    }
+
+    line_client(line_client&& o) noexcept
+        : fd_(std::exchange(o.fd_, -1)), buf_(std::move(o.buf_)) {}
+    ~line_client() {
+        if (fd_ >= 0) ::close(fd_);
+    }
+
+    // Sends everything; false when the server has closed the connection meanwhile.
+    bool send_raw(std::string_view text) {
+        while (!text.empty()) {
+            const ssize_t n = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
+            if (n < 0) return false;
+            text.remove_prefix(static_cast<std::size_t>(n));
+        }
+        return true;
+    }
+    bool send_line(std::string_view text) { return send_raw(std::string(text) + "\n"); }
+
+    // The next line, or nothing on timeout, end of stream or error.
+    std::optional<std::string> read_line(std::chrono::milliseconds limit = 5s) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        for (;;) {
+            if (auto nl = buf_.find('\n'); nl != std::string::npos) {
+                std::string line = buf_.substr(0, nl);
+                buf_.erase(0, nl + 1);
+                return line;
+            }
+            if (!fill(deadline)) return std::nullopt;
+        }
+    }
+
+    // True once the server closed the connection (lines still buffered are dropped).
+    bool closed_by_server(std::chrono::milliseconds limit = 5s) {
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        while (fill(deadline)) buf_.clear();
+        return eof_;
+    }
+
+    void shutdown_write() { ::shutdown(fd_, SHUT_WR); }
+    int fd() const { return fd_; }
+
+  private:
+    explicit line_client(int fd) : fd_(fd) {}
+
+    bool fill(std::chrono::steady_clock::time_point deadline) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return false;
+        pollfd p{fd_, POLLIN, 0};
+        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
+        char tmp[65536];
+        const ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
+        if (n <= 0) {
+            eof_ = true;
+            return false;
+        }
+        buf_.append(tmp, static_cast<std::size_t>(n));
+        return true;
+    }
+
+    int fd_ = -1;
+    std::string buf_;
+    bool eof_ = false;
+};
+
+inline rapidjson::Document parse(const std::string& text) {
+    rapidjson::Document d;
+    d.Parse(text.c_str(), text.size());
+    if (d.HasParseError()) throw std::runtime_error("not JSON: " + text);
+    return d;
+}
+
+inline std::string to_json(const rapidjson::Value& v) {
+    rapidjson::StringBuffer sb;
+    rapidjson::Writer<rapidjson::StringBuffer> w(sb);
+    v.Accept(w);
+    return sb.GetString();
+}
+
+// A fixed text, answered on the serving thread.
+class text_node : public dh_db_leaf_node {
+  public:
+    text_node(dh_db& db, const std::string& path, std::string text)
+        : dh_db_leaf_node(db, dh_db::split_path(path)), text_(std::move(text)) {}
+    void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
+        out.SetString(text_.c_str(), a);
+    }
+    std::string get_info() override { return "const value (read)"; }
+    dh::Value get_info(dh::Allocator& a) override {
+        auto info = dh_db_leaf_node::get_info(a);
+        info.AddMember("type", "const value", a);
+        return info;
+    }
+
+  private:
+    const std::string text_;
+};
+
+// A value clients read, write and subscribe to; optionally answered on the workers.
+class value_node : public dh_db_event_node {
+  public:
+    value_node(dh_db& db, const std::string& path, bool async)
+        : dh_db_event_node(db, dh_db::split_path(path)), async_(async) {}
+
+    void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
+        std::lock_guard lock(mutex_);
+        out.CopyFrom(value_, a);
+    }
+    void set(std::string_view, const dh::Value& v) override {
+        std::lock_guard lock(mutex_);
+        if (value_ == v) return;
+        value_.CopyFrom(v, value_.GetAllocator());
+        auto event = create_value_changed_event();
+        event.AddMember("value", dh::Value(value_, event.GetAllocator()), event.GetAllocator());
+        send_event_impl(std::move(event));
+        db().append_to_history(*this);
+    }
+    void subscribe(const std::shared_ptr<dh_session>& s, std::string_view path, dh::Allocator& a,
+                   dh::Value& out, std::unique_lock<std::mutex>& lock) override {
+        std::lock_guard own(mutex_);
+        dh_db_event_node::subscribe(s, path, a, out, lock);
+        out.CopyFrom(value_, a);
+        if (value_.IsNull()) return;
+        auto event = create_value_changed_event();
+        event.AddMember("value", dh::Value(value_, event.GetAllocator()), event.GetAllocator());
+        send_event_to_session_impl(s, true, std::move(event));
+    }
+    void unsubscribe(const std::shared_ptr<dh_session>& s) override {
+        dh_db_event_node::unsubscribe(s);
+        ++unsubscribes;
+    }
+    std::string get_info() override { return "config value (read,write,subscribe)"; }
+    bool is_async() override { return async_; }
+
+    std::atomic<int> unsubscribes{0};
+
+  private:
+    const bool async_;
+    std::mutex mutex_;
+    dh::Document value_;
+};
+
+// A slow read on the workers: get waits until the test opens the gate.
+class gated_node : public dh_db_leaf_node {
+  public:
+    gated_node(dh_db& db, const std::string& path) : dh_db_leaf_node(db, dh_db::split_path(path)) {}
+    void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
+        std::unique_lock lock(mutex_);
+        ++waiting_;
+        cv_.wait(lock, [&] { return open_; });
+        out.SetString("slow", a);
+    }
+    bool is_async() override { return true; }
+    void open() {
+        std::lock_guard lock(mutex_);
+        open_ = true;
+        cv_.notify_all();
+    }
+    int waiting() {
+        std::lock_guard lock(mutex_);
+        return waiting_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable cv_;
+    bool open_ = false;
+    int waiting_ = 0;
+};
+
+// Fails in the three ways a node can: dh_error, conversion error, any other exception.
+class failing_node : public dh_db_leaf_node {
+  public:
+    failing_node(dh_db& db, const std::string& path)
+        : dh_db_leaf_node(db, dh_db::split_path(path)) {}
+    void get(std::string_view, dh::Allocator&, dh::Value&) override {
+        throw dh_error(-5, "Input/output error");
+    }
+    void set(std::string_view, const dh::Value&) override {
+        throw json_value_conversion_error{"uint", "32-bit signed integer"};
+    }
+    void run(std::string_view, const dh::Value&, dh::Allocator&, dh::Value&) override {
+        throw std::runtime_error("boom");
+    }
+};
+
+// A command on the workers that answers {"echo": its input}.
+class echo_command : public dh_db_leaf_node {
+  public:
+    echo_command(dh_db& db, const std::string& path)
+        : dh_db_leaf_node(db, dh_db::split_path(path)) {}
+    void run(std::string_view, const dh::Value& in, dh::Allocator& a, dh::Value& out) override {
+        out.SetObject();
+        out.AddMember("echo", dh::Value(in, a), a);
+    }
+    bool is_async() override { return true; }
+    bool write_returns_response() override { return true; }
+    std::string get_info() override { return "command value returning response (write)"; }
+};
+
+template <typename Node, typename... Args>
+std::shared_ptr<Node> add(dh_db& db, Args&&... args) {
+    auto node = std::make_shared<Node>(db, std::forward<Args>(args)...);
+    db.add_node(node);
+    return node;
+}
+
+inline std::string make_temp_dir() {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "dh-server-test-XXXXXX").string();
+    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
+    return pattern;
+}
+
+// A real server on <tmp>/sock/dh.sock and an ephemeral port on 127.0.0.1, serving on a thread.
+class server_fixture : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir_ = make_temp_dir();
+        api_ = std::make_unique<device_handler_api>(dir_ + "/sock", 0, true);
+        text = add<text_node>(api_->db, "data/version", "1.2.3");
+        param = add<value_node>(api_->db, "config/ospf/areaId", false);
+        async_param = add<value_node>(api_->db, "config/ntp/server", true);
+        gate = add<gated_node>(api_->db, "data/slow");
+        failing = add<failing_node>(api_->db, "data/broken");
+        echo = add<echo_command>(api_->db, "command/echo");
+        thread_ = std::thread([this] { api_->start(); });
+    }
+    void TearDown() override {
+        gate->open();
+        api_->stop();
+        thread_.join();
+        api_.reset();
+        std::filesystem::remove_all(dir_);
+    }
+
+    line_client connect() { return line_client::unix_socket(api_->socket_path()); }
+
+    // Sends one request and returns the next line as a document.
+    static rapidjson::Document call(line_client& c, const std::string& request) {
+        EXPECT_TRUE(c.send_line(request));
+        auto line = c.read_line();
+        if (!line) throw std::runtime_error("no answer to " + request);
+        return parse(*line);
+    }
+
+    std::string dir_;
+    std::unique_ptr<device_handler_api> api_;
+    std::thread thread_;
+    std::shared_ptr<text_node> text;
+    std::shared_ptr<value_node> param;
+    std::shared_ptr<value_node> async_param;
+    std::shared_ptr<gated_node> gate;
+    std::shared_ptr<failing_node> failing;
+    std::shared_ptr<echo_command> echo;
+};
+
+}  // namespace server_test

@@ -1,0 +1,198 @@
+#include <sys/stat.h>
+
+#include <fstream>
+#include <system_error>
+
+#include "server.hpp"
+#include "server_test_support.hpp"
+
+namespace server_test {
+namespace {
+
+using server_transport = server_fixture;
+
+const std::string get_version =
+    R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})";
+
+bool answers(line_client& c) {
+    if (!c.send_line(get_version)) return false;
+    auto line = c.read_line();
+    return line && *line == R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})";
+}
+
+TEST(server_socket, ReplacesStaleSocketFileWithMode0660) {
+    const std::string dir = make_temp_dir();
+    const std::string sock_dir = dir + "/a/b";
+    std::filesystem::create_directories(sock_dir);
+    std::ofstream(sock_dir + "/dh.sock") << "left over";
+    {
+        device_handler_api api(sock_dir, 0, true);
+        struct stat st {};
+        ASSERT_EQ(::stat(api.socket_path().c_str(), &st), 0);
+        EXPECT_TRUE(S_ISSOCK(st.st_mode));
+        EXPECT_EQ(st.st_mode & 0777, 0660u);
+        EXPECT_NE(api.tcp_port(), 0u);
+        EXPECT_THROW(api.start_ipv6_socket("no-such-if0"), std::system_error);
+    }
+    std::filesystem::remove_all(dir);
+}
+
+TEST(server_socket, StopBeforeStartReturnsAtOnce) {
+    const std::string dir = make_temp_dir();
+    device_handler_api api(dir, 0, true);
+    api.stop();
+    api.start();
+    std::filesystem::remove_all(dir);
+}
+
+TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
+    auto c = connect();
+    // Exactly 1 MiB is still a line; the value is a long string of the right size.
+    const std::string head =
+        R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/ospf/areaId","value":")";
+    const std::string tail = R"("}})";
+    const std::string fits = head + std::string((1u << 20) - head.size() - tail.size(), 'x') + tail;
+    ASSERT_EQ(fits.size(), 1u << 20);
+    auto r = call(c, fits);
+    EXPECT_TRUE(r["result"].IsNull()) << to_json(r).substr(0, 200);
+
+    c.send_raw(std::string((1u << 20) + 1, ' '));
+    auto line = c.read_line();
+    ASSERT_TRUE(line);
+    EXPECT_EQ(
+        *line,
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request too large"}})");
+    EXPECT_TRUE(c.closed_by_server());
+
+    auto other = connect();
+    EXPECT_TRUE(answers(other));
+}
+
+TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
+    auto c = connect();
+    auto r = call(c, std::string(100000, '['));
+    EXPECT_EQ(
+        to_json(r),
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Nesting too deep"}})");
+    std::string objects;
+    for (int i = 0; i < 100000; ++i) objects += R"({"a":)";
+    r = call(c, objects);
+    EXPECT_EQ(r["error"]["code"].GetInt(), -32600);
+
+    // The request object and params count: 62 arrays in the value make 64 levels.
+    auto nested = [](int n) {
+        return R"({"jsonrpc":"2.0","id":2,"method":"set","params":{"path":"config/ospf/areaId","value":)" +
+               std::string(n, '[') + std::string(n, ']') + "}}";
+    };
+    r = call(c, nested(62));
+    EXPECT_TRUE(r["result"].IsNull()) << to_json(r);
+    r = call(c, nested(63));
+    EXPECT_EQ(std::string(r["error"]["message"].GetString()), "Nesting too deep");
+    EXPECT_TRUE(answers(c));
+}
+
+TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
+    auto stalled = connect();
+    auto reader = connect();
+    auto busy = connect();
+    for (auto* c : {&stalled, &reader}) {
+        auto r = call(
+            *c,
+            R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"config/ospf/areaId"}})");
+        ASSERT_TRUE(r["result"].IsNull());
+    }
+    ASSERT_TRUE(param->has_subscribers());
+
+    // Events of 64 KiB: the stalled connection's queue passes 8 MiB after some 130 of them.
+    const std::string big(64 * 1024, 'v');
+    std::size_t sent = 0;
+    const auto deadline = std::chrono::steady_clock::now() + 20s;
+    while (param->unsubscribes.load() == 0 && std::chrono::steady_clock::now() < deadline) {
+        dh::Document v;
+        v.SetString((big + std::to_string(sent++)).c_str(), v.GetAllocator());
+        param->set("", v);
+        // The reader keeps up, and a third client is answered between events.
+        auto event = reader.read_line();
+        ASSERT_TRUE(event) << "event " << sent;
+        ASSERT_TRUE(answers(busy));
+    }
+    EXPECT_EQ(param->unsubscribes.load(), 1);
+    EXPECT_GT(sent * big.size(), 8u << 20);
+    EXPECT_LT(sent * big.size(), 12u << 20);
+    EXPECT_TRUE(stalled.closed_by_server());
+    EXPECT_TRUE(param->has_subscribers());
+    EXPECT_TRUE(answers(reader));
+}
+
+TEST_F(server_transport, DisconnectEndsSubscriptions) {
+    {
+        auto c = connect();
+        call(
+            c,
+            R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"config/ospf/areaId"}})");
+        call(
+            c,
+            R"({"jsonrpc":"2.0","id":2,"method":"subscribe","params":{"path":"config/ntp/server"}})");
+        EXPECT_TRUE(param->has_subscribers());
+        EXPECT_TRUE(async_param->has_subscribers());
+    }
+    EXPECT_TRUE(wait_until(
+        [&] { return param->unsubscribes.load() == 1 && async_param->unsubscribes.load() == 1; }));
+    EXPECT_FALSE(param->has_subscribers());
+    EXPECT_FALSE(async_param->has_subscribers());
+}
+
+TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
+    auto c = connect();
+    // The last request has no newline; the slow one finishes after the peer stopped sending.
+    ASSERT_TRUE(
+        c.send_raw(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/slow"}})"
+                   "\n"
+                   R"({"jsonrpc":"2.0","id":2,"method":"get","params":{"path":"data/version"}})"));
+    c.shutdown_write();
+    auto line = c.read_line();
+    ASSERT_TRUE(line);
+    EXPECT_EQ(parse(*line)["id"].GetInt(), 2);
+    ASSERT_TRUE(wait_until([&] { return gate->waiting() == 1; }));
+    gate->open();
+    line = c.read_line();
+    ASSERT_TRUE(line);
+    EXPECT_EQ(*line, R"({"jsonrpc":"2.0","id":1,"result":"slow"})");
+    EXPECT_TRUE(c.closed_by_server());
+}
+
+TEST(server_limits, ConnectionOverTheCapIsRefused) {
+    const std::string dir = make_temp_dir();
+    dh_db db;
+    add<text_node>(db, "data/version", "1.2.3");
+    dh::server::options opts;
+    opts.max_connections = 2;
+    dh::server::server srv(db, dir, 0, true, opts);
+    std::thread serving([&] { srv.run(); });
+
+    auto a = line_client::unix_socket(srv.socket_path());
+    auto b = line_client::tcp(srv.tcp_port());
+    EXPECT_TRUE(answers(a));
+    EXPECT_TRUE(answers(b));
+    auto refused = line_client::unix_socket(srv.socket_path());
+    auto line = refused.read_line();
+    ASSERT_TRUE(line);
+    EXPECT_EQ(
+        *line,
+        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32000,"message":"Too many connections"}})");
+    EXPECT_TRUE(refused.closed_by_server());
+    EXPECT_EQ(srv.connection_count(), 2u);
+
+    // A closed connection frees its place.
+    { auto gone = std::move(a); }
+    ASSERT_TRUE(wait_until([&] { return srv.connection_count() == 1; }));
+    auto c = line_client::unix_socket(srv.socket_path());
+    EXPECT_TRUE(answers(c));
+
+    srv.stop();
+    serving.join();
+    std::filesystem::remove_all(dir);
+}
+
+}  // namespace
+}  // namespace server_test
