@@ -7,6 +7,7 @@ choices (documented in docs/devhost.md):
   "infix-interfaces:vlan": {"tag-type": "ieee802-dot1q-types:c-vlan", "id": VLAN,
   "lower-layer-if": PORT};
 - bridge membership: "infix-interfaces:bridge-port": {"bridge": "br0"} (e11, e12 and e28);
+- sub-interfaces e1.8 .. e11.8 are configured off ("enabled": false), the others on;
 - operational state per interface: "admin-status" and "oper-status" ("up"/"down"),
   "phys-address" (distinct MACs), and for a port whose link is up
   "ieee802-ethernet-interface:ethernet": {"speed": GBPS} with the speed in Gb/s as the canonical
@@ -32,6 +33,10 @@ TUNNELS = [("e%d.8" % i, "e%d" % i, 8) for i in range(1, 13)]
 for _port in ("e13", "e14", "e15", "e16"):
     TUNNELS += [("%s.%d" % (_port, vlan), _port, vlan) for vlan in (8, 21, 22, 23, 24)]
 BRIDGE_PORTS = ["e11", "e12", "e28"]
+# Interface modes of the internal ports follow from bridge membership and the VLAN 8
+# sub-interface: e1..e10 tunnelOnly (not bridged, VLAN 8 off), e11 mgmtOnly (bridged, VLAN 8 off),
+# e12 mgmtAndTunnel (bridged, VLAN 8 on).
+DISABLED_TUNNELS = ["e%d.8" % i for i in range(1, 12)]
 
 # Link state of the front ports: (oper-status, speed in Gb/s or None when the link is down).
 LINKS = {p: ("up", "1.0") for p in PORTS}
@@ -73,7 +78,7 @@ def interfaces(with_addresses):
             entry["infix-interfaces:bridge-port"] = {"bridge": "br0"}
         add(entry, (MGMT_ADDRESS, 32, True) if port in RDM else None)
     for name, lower, vlan in TUNNELS:
-        add({"name": name, "type": "infix-if-type:vlan", "enabled": True,
+        add({"name": name, "type": "infix-if-type:vlan", "enabled": name not in DISABLED_TUNNELS,
              "infix-interfaces:vlan": {"tag-type": "ieee802-dot1q-types:c-vlan", "id": vlan,
                                        "lower-layer-if": lower}},
             (MGMT_ADDRESS, 32, True))
@@ -122,8 +127,8 @@ def operational(config):
     for entry in oper["interface"]:
         name = entry["name"]
         status, speed = LINKS.get(lower_of.get(name, name), ("up", None))
-        entry["admin-status"] = "up"
-        entry["oper-status"] = status
+        entry["admin-status"] = "up" if entry["enabled"] else "down"
+        entry["oper-status"] = status if entry["enabled"] else "down"
         entry["phys-address"] = mac(lower_of.get(name, name))
         if speed and name in LINKS:
             entry["ieee802-ethernet-interface:ethernet"] = {"speed": speed}

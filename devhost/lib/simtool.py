@@ -3,6 +3,7 @@
 Called as: simtool.py TOOL_FILE ARGV0 ARGS..., where TOOL_FILE is the installed file that was run
 (it names the tool) and ARGV0 ARGS... the argument vector exactly as the caller wrote it."""
 
+import importlib
 import os
 import sys
 
@@ -14,9 +15,10 @@ from simtools.common import run_tool  # noqa: E402
 
 def find_tool(tool_file):
     real = os.path.realpath(tool_file)
-    for paths, func in TOOLS.values():
+    for paths, implementation in TOOLS.values():
         if any(os.path.realpath(p) == real for p in paths):
-            return func
+            module, function = implementation.rsplit(".", 1)
+            return getattr(importlib.import_module("simtools." + module), function)
     return None
 
 
