@@ -102,6 +102,12 @@ class ToolsTest(unittest.TestCase):
         addrs = json.loads(dev.exec("ip", "-j", "-6", "addr", "show", "dev", "br1").stdout)[0]
         self.assertIn("UP", addrs["flags"])
         self.assertTrue(any(a["scope"] == "link" and not a.get("tentative") for a in addrs["addr_info"]))
+        bind_ipv6 = ("import socket\n"
+                     "s = socket.socket(socket.AF_INET6, socket.SOCK_STREAM)\n"
+                     "s.setsockopt(socket.SOL_SOCKET, socket.SO_BINDTODEVICE, b'br1')\n"
+                     "s.setsockopt(socket.IPPROTO_IPV6, socket.IPV6_V6ONLY, 1)\n"
+                     "s.bind(('::', 9700)); s.listen(); print('listening')\n")
+        self.assertEqual(dev.exec("python3", "-c", bind_ipv6).stdout, "listening\n")
         for name, family in (("whitelist_ipv4", "ipv4_addr"), ("e27_ip_addresses", "ipv4_addr"),
                              ("e28_ip_addresses", "ipv4_addr"), ("mgmt_ip_addresses", "ipv4_addr"),
                              ("whitelist_ipv6", "ipv6_addr")):

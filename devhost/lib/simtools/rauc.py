@@ -77,8 +77,7 @@ def status(call, args):
     if args[:1] == ["mark-active"]:
         return mark_active(call, args[1:])
     formats = [a.split("=", 1)[1] for a in args if a.startswith("--output-format=")]
-    if "--output-format" in args:
-        formats.append(args[args.index("--output-format") + 1])
+    formats += [value for option, value in zip(args, args[1:]) if option == "--output-format"]
     if formats != ["shell"]:
         raise ToolExit(1, "rauc: the simulated device prints the status only with --output-format=shell")
     injected("rauc", "rauc-status")
