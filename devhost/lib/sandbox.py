@@ -13,6 +13,7 @@ Usage: sandbox.py CONFIG (JSON with the host paths: merged, upper, work, sim, bo
 """
 
 import ctypes
+import errno
 import json
 import os
 import platform
@@ -113,8 +114,14 @@ class Sandbox:
     def build_root(self):
         cfg = self.cfg
         mount("none", "/", None, MS_REC | MS_PRIVATE)
-        mount("overlay", cfg["merged"], "overlay", 0,
-              "lowerdir=/,upperdir=%s,workdir=%s" % (cfg["upper"], cfg["work"]))
+        try:
+            mount("overlay", cfg["merged"], "overlay", 0,
+                  "lowerdir=/,upperdir=%s,workdir=%s" % (cfg["upper"], cfg["work"]))
+        except OSError as e:
+            if e.errno == errno.ELOOP:
+                raise OSError(e.errno, "this kernel's overlayfs refuses a DIR inside the host's root file "
+                              "system; use a DIR on another file system (e.g. a tmpfs such as /dev/shm)")
+            raise
         pivot_root(cfg["merged"])
 
         mount("proc", "/proc", "proc", MS_NOSUID | MS_NODEV | MS_NOEXEC)
@@ -190,6 +197,21 @@ class Sandbox:
         # The daemon's system() commands use bash syntax (&>>), and the device's /bin/sh is bash.
         for path in ("/bin/sh", "/bin/bash.bash"):
             os.symlink("bash", replace_file(path))
+
+    def own_resolver_file(self):
+        """The daemon rewrites /etc/resolv.conf in place, as on the device, where it is a file of
+        its own; a host's link to a resolver daemon's file (which /run no longer holds) is
+        replaced by a plain file with what it showed."""
+        path = "/etc/resolv.conf"
+        if os.path.islink(path):
+            try:
+                with open(path) as f:
+                    text = f.read()
+            except OSError:
+                text = ""
+            os.unlink(path)
+            with open(path, "w") as f:
+                f.write(text)
 
     def copy_files(self):
         """Copies /sim/files over the sandbox's files, path for path."""
@@ -281,6 +303,7 @@ class Sandbox:
         os.environ.update({"PATH": "/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin",
                            "HOME": "/root", "DEVHOST_SIM": "/sim"})
         mkdirs("/var/persistent/etc")
+        self.own_resolver_file()
         self.install_tools()
         self.copy_files()
         self.setup_network()
