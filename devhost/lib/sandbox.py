@@ -51,9 +51,12 @@ def check(result, what):
         raise OSError(err, "%s: %s" % (what, os.strerror(err)))
 
 
+def c_text(text):
+    return text.encode() if text is not None else None
+
+
 def mount(source, target, fstype=None, flags=0, data=None):
-    enc = lambda s: s.encode() if s is not None else None  # noqa: E731
-    check(libc.mount(enc(source), enc(target), enc(fstype), ctypes.c_ulong(flags), enc(data)),
+    check(libc.mount(c_text(source), c_text(target), c_text(fstype), ctypes.c_ulong(flags), c_text(data)),
           "mount %s on %s" % (source, target))
 
 
