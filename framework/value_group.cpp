@@ -93,11 +93,10 @@ std::size_t value_group::size() const {
 }
 
 void value_group::post(std::function<void()> job) {
-    {
-        std::lock_guard lock(mutex_);
-        if (stopping_) return;
-        jobs_.push_back(std::move(job));
-    }
+    std::lock_guard lock(mutex_);
+    if (stopping_) return;
+    jobs_.push_back(std::move(job));
+    // Notified under the lock: the job may destroy the group as soon as the lock is released.
     worker_cv_.notify_one();
 }
 

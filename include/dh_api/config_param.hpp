@@ -77,7 +77,8 @@ class config_param : public dh_db_event_node {
     using getter_type = std::function<value_type()>;
 
     // Registers the parameter at `path`. The getter (may be empty) gives the initial value; it is
-    // called once, here, and a getter that throws leaves the parameter unset.
+    // called once, here, and not kept, so it may refer to data that only live during start-up.
+    // A getter that throws leaves the parameter unset.
     template <class... A>
     static std::shared_ptr<config_param> create(dh_db& db, std::string_view path,
                                                 std::weak_ptr<handler_type> handler,
@@ -92,11 +93,10 @@ class config_param : public dh_db_event_node {
     config_param(dh_db& db, std::vector<std::string> path, std::weak_ptr<handler_type> handler,
                  getter_type getter, A&&... fixed)
         : dh_db_event_node(db, std::move(path)),
-          method_(std::move(handler), std::forward<A>(fixed)...),
-          getter_(std::move(getter)) {
-        if (getter_) {
+          method_(std::move(handler), std::forward<A>(fixed)...) {
+        if (getter) {
             try {
-                value_ = getter_();
+                value_ = getter();
             } catch (...) {
                 // The datastore may not hold the value yet; the parameter then starts unset.
             }
@@ -197,7 +197,6 @@ class config_param : public dh_db_event_node {
     std::optional<value_type> value_;
     bool warn_read_ = false;
     const method_type method_;
-    const getter_type getter_;
 };
 
 }  // namespace dh::api

@@ -123,6 +123,10 @@ struct fake_handler {
         check();
         return name + " #" + std::to_string(++reads);
     }
+    double power(const std::string& property, std::string_view port) {
+        calls.push_back(property + " " + std::string(port));
+        return -3.01;
+    }
     double get_margin() {
         ++reads;
         check();

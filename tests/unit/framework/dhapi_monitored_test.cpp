@@ -163,6 +163,19 @@ TEST_F(DhApiMonitored, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors)
     EXPECT_EQ(logs.find("Object has been removed").size(), 1u);
 }
 
+TEST_F(DhApiMonitored, PolledValueWithFixedArgumentsOutsideAGroup) {
+    std::string port = "e13";
+    using power = hysteresis_filtered_value<polled_volatile_value_impl<&fake_handler::power>>;
+    auto node = power::create(db, "data/" + port + "/sfp/txPower", handler,
+                              hysteresis_filter<double>::make_default(1.0, 0.5, 3), 5,
+                              "Laser output power", std::string_view(port));
+    port = "gone";
+    node->periodic_task(true);
+    EXPECT_EQ(handler->calls, std::vector<std::string>{"Laser output power e13"});
+    EXPECT_EQ(read(*node), "-3.01");
+    EXPECT_EQ(info(*node)["pollInterval"].GetUint(), 0u);
+}
+
 TEST_F(DhApiMonitored, PolledValueRunsOnItsGroupsWorker) {
     value_group group(10, 0, 1);
     auto node = polled_margin::create(db, "data/temperatureMargin", handler,
