@@ -319,14 +319,14 @@ int main(int argc, char** argv) {
         print_general_help(std::cerr);
         return exit_usage;
     }
-    auto spec = commands().find(command);
-    if (spec == commands().end()) return usage_error("unknown command '" + command + "'");
+    auto entry = commands().find(command);
+    if (entry == commands().end()) return usage_error("unknown command '" + command + "'");
     if (vm.count("help")) {
         print_command_help(command, std::cout);
         return EXIT_SUCCESS;
     }
-    if (args.size() < spec->second.min_args || args.size() > spec->second.max_args)
-        return usage_error(fmt::format("usage: dhctl {}", spec->second.synopsis));
+    if (args.size() < entry->second.min_args || args.size() > entry->second.max_args)
+        return usage_error(fmt::format("usage: dhctl {}", entry->second.synopsis));
 
     if (command == "history" && !args.empty()) {
         const std::string& n = args[0];
