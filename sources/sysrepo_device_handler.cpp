@@ -26,18 +26,23 @@ sysrepo_device_handler::~sysrepo_device_handler() {
     if (poll_thread.joinable()) poll_thread.join();
 }
 
-// Keeps the interface status values current. Never ends on an error: a failed read is logged
-// and tried again in the next cycle.
+// Keeps the interface status values current, reading the operational state once a second.
+// start() has just pushed the values it read, so the first cycle comes a second later. Never ends
+// on an error: a failed read is logged and tried again in the next cycle.
 void sysrepo_device_handler::poll_func() {
-    while (!stop_poll) {
+    for (;;) {
+        {
+            std::unique_lock lock(poll_mutex);
+            if (poll_wakeup.wait_for(lock, std::chrono::seconds(1),
+                                     [this] { return stop_poll.load(); }))
+                return;
+        }
         try {
             update_ietf_ifaces_map(get_ietf_ifaces_oper());
         } catch (...) {
             MSG_LOG(6, "sysrepo") << "sysrepo, unknown exception"
                                   << msg_log::getCodeTrace(__FILE__, __LINE__);
         }
-        std::unique_lock lock(poll_mutex);
-        poll_wakeup.wait_for(lock, std::chrono::seconds(1), [this] { return stop_poll.load(); });
     }
 }
 
