@@ -46,17 +46,17 @@ std::optional<bool> ospf_enabled_in(const Value& protocols, std::string_view nam
 }
 
 // The id of the first area of an OSPF entry that lists interface `name`; empty when none does.
-std::string_view area_of(const Value& protocols, std::string_view name) {
-    for (const auto& entry : protocols.GetArray()) {
-        if (!yang_doc::string_is(yang_doc::member(entry, "type"), yang_doc::ospf_type)) continue;
-        const Value* areas = yang_doc::path(entry, "ietf-ospf:ospf", "areas", "area");
-        if (!areas || !areas->IsArray()) continue;
-        for (const auto& area : areas->GetArray())
-            if (yang_doc::find_in_list(yang_doc::path(area, "interfaces", "interface"), "name",
-                                       name))
-                return yang_doc::string_of(yang_doc::member(area, "area-id"));
-    }
-    return {};
+std::string area_of(const Value& protocols, std::string_view name) {
+    std::string id;
+    for (const auto& entry : protocols.GetArray())
+        if (yang_doc::string_is(yang_doc::member(entry, "type"), yang_doc::ospf_type))
+            yang_doc::for_each_area(entry, [&](const Value& area) {
+                if (id.empty() &&
+                    yang_doc::find_in_list(yang_doc::path(area, "interfaces", "interface"), "name",
+                                           name))
+                    id = yang_doc::string_of(yang_doc::member(area, "area-id"));
+            });
+    return id;
 }
 
 // The table's own view of an OSPF interface name: keys of the maps keyed by string_view must

@@ -102,30 +102,44 @@ inline void remove_member(dh::Value& parent, std::string_view name) {
     if (it != parent.MemberEnd()) parent.EraseMember(it);
 }
 
+// Calls f on every area of an OSPF entry. The generator writes the uplink areas into a second
+// member named "area"; an exported document has them merged into one list, a generated one not.
+template <class V, class F>
+void for_each_area(V& ospf_entry, F&& f) {
+    auto* areas = path(ospf_entry, "ietf-ospf:ospf", "areas");
+    if (!areas || !areas->IsObject()) return;
+    for (auto& m : areas->GetObject())
+        if (string_is(&m.name, "area") && m.value.IsArray())
+            for (auto& area : m.value.GetArray()) f(area);
+}
+
 // The "interfaces" / "interface" entry named `name` in the OSPF area `area_id` of the first OSPF
 // entry of a protocol list, or nullptr.
 template <class V>
 value_t<V>* ospf_area_interface(V& protocols, std::string_view area_id, std::string_view name) {
     value_t<V>* ospf = find_in_list(static_cast<value_t<V>*>(&protocols), "type", ospf_type);
-    if (!ospf) return nullptr;
-    value_t<V>* area =
-        find_in_list(path(*ospf, "ietf-ospf:ospf", "areas", "area"), "area-id", area_id);
-    return area ? find_in_list(path(*area, "interfaces", "interface"), "name", name) : nullptr;
+    value_t<V>* found = nullptr;
+    if (ospf)
+        for_each_area(*ospf, [&](auto& area) {
+            if (!found && string_is(member(area, "area-id"), area_id))
+                found = find_in_list(path(area, "interfaces", "interface"), "name", name);
+        });
+    return found;
 }
 
 // The interface object `name` in any area of any OSPF entry of a protocol list, or nullptr.
 template <class V>
 value_t<V>* ospf_any_interface(V& protocols, std::string_view name) {
-    if (!protocols.IsArray()) return nullptr;
+    value_t<V>* found = nullptr;
+    if (!protocols.IsArray()) return found;
     for (auto& entry : protocols.GetArray()) {
         if (!string_is(member(entry, "type"), ospf_type)) continue;
-        auto* areas = path(entry, "ietf-ospf:ospf", "areas", "area");
-        if (!areas || !areas->IsArray()) continue;
-        for (auto& area : areas->GetArray())
-            if (auto* found = find_in_list(path(area, "interfaces", "interface"), "name", name))
-                return found;
+        for_each_area(entry, [&](auto& area) {
+            if (!found) found = find_in_list(path(area, "interfaces", "interface"), "name", name);
+        });
+        if (found) break;
     }
-    return nullptr;
+    return found;
 }
 
 }  // namespace yang_doc
