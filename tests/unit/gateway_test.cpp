@@ -1,0 +1,75 @@
+#include <string>
+
+#include "ifospf_fixture.hpp"
+
+namespace {
+
+using Gateway = handler_test;
+
+constexpr const char* ospf_only =
+    R"({"ietf-routing:routing":{"control-plane-protocols":{"control-plane-protocol":[)"
+    R"({"type":"infix-routing:ospfv2","name":"default"}]}}})";
+
+std::string routing(const std::string& protocols) {
+    return R"({"ietf-routing:routing":{"control-plane-protocols":{"control-plane-protocol":[)" +
+           protocols + "]}}}";
+}
+
+TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
+    Document doc = parse("{}");
+    handler->update_gateway(doc, "10.0.0.254");
+    const std::string created =
+        R"({"type":"infix-routing:static","name":"default","static-routes":{)"
+        R"("ietf-ipv4-unicast-routing:ipv4":{"route":[{"destination-prefix":"0.0.0.0/0",)"
+        R"("next-hop":{"next-hop-address":"10.0.0.254"}}]}}})";
+    EXPECT_EQ(to_json(doc), routing(created));
+
+    // Only the first route's next hop changes; its prefix and further routes stay.
+    doc = parse(routing(
+        R"({"type":"infix-routing:static","name":"s","static-routes":{"ietf-ipv4-unicast-routing:ipv4":)"
+        R"({"route":[{"destination-prefix":"10.0.0.0/8","next-hop":{"next-hop-address":"1.1.1.1"}},)"
+        R"({"destination-prefix":"0.0.0.0/0"}]}}})"));
+    handler->update_gateway(doc, "10.0.0.1");
+    EXPECT_EQ(
+        to_json(doc),
+        routing(
+            R"({"type":"infix-routing:static","name":"s","static-routes":{"ietf-ipv4-unicast-routing:ipv4":)"
+            R"({"route":[{"destination-prefix":"10.0.0.0/8","next-hop":{"next-hop-address":"10.0.0.1"}},)"
+            R"({"destination-prefix":"0.0.0.0/0"}]}}})"));
+
+    doc = parse(routing(R"({"type":"infix-routing:ospfv2"},)" + created));
+    handler->update_gateway(doc, "");
+    EXPECT_EQ(to_json(doc), routing(R"({"type":"infix-routing:ospfv2"})"));
+    handler->update_gateway(doc, "");
+    EXPECT_EQ(to_json(doc), routing(R"({"type":"infix-routing:ospfv2"})"));
+
+    // A static entry without routes is left without a gateway.
+    const std::string empty_routes = routing(
+        R"({"type":"infix-routing:static","static-routes":{"ietf-ipv4-unicast-routing:ipv4":{"route":[]}}})");
+    doc = parse(empty_routes);
+    handler->update_gateway(doc, "10.0.0.1");
+    EXPECT_EQ(to_json(doc), empty_routes);
+}
+
+TEST_F(Gateway, SetAndGetThroughTheRunningConfiguration) {
+    running_is(ospf_only);
+    EXPECT_EQ(handler->get_gateway(), "0.0.0.0");
+    handler->set_gateway("192.0.2.1");
+    keep_last_import();
+    EXPECT_EQ(handler->get_gateway(), "192.0.2.1");
+    EXPECT_EQ(imports("startup").size(), 1u);
+
+    auto e = catch_dh_error([&] { handler->set_gateway("gw.example"); });
+    EXPECT_EQ(e.code(), -22);
+    EXPECT_EQ(e.message(), "Invalid gateway address: gw.example");
+    EXPECT_EQ(imports().size(), 1u);
+
+    handler->set_gateway("");
+    keep_last_import();
+    EXPECT_EQ(handler->get_gateway(), "0.0.0.0");
+    running_is(routing(
+        R"({"type":"infix-routing:static","static-routes":{"ietf-ipv4-unicast-routing:ipv4":{"route":[]}}})"));
+    EXPECT_EQ(handler->get_gateway(), "0.0.0.0");
+}
+
+}  // namespace
