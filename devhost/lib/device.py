@@ -76,7 +76,10 @@ def interfaces(with_addresses):
         entry = {"name": port, "type": "infix-if-type:ethernet", "enabled": True}
         if port in BRIDGE_PORTS:
             entry["infix-interfaces:bridge-port"] = {"bridge": "br0"}
-        add(entry, (MGMT_ADDRESS, 32, True) if port in RDM else None)
+        if port == "e28":  # the port under "mgmt" carries the management address too
+            add(entry, (MGMT_ADDRESS, MGMT_PREFIX, True))
+        else:
+            add(entry, (MGMT_ADDRESS, 32, True) if port in RDM else None)
     for name, lower, vlan in TUNNELS:
         add({"name": name, "type": "infix-if-type:vlan", "enabled": name not in DISABLED_TUNNELS,
              "infix-interfaces:vlan": {"tag-type": "ieee802-dot1q-types:c-vlan", "id": vlan,
