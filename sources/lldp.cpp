@@ -66,7 +66,7 @@ void sysrepo_device_handler::lldp_init() {
             std::lock_guard lock(mutex);
             lldp_enabled[port] = false;
         }
-        dh::api::config_param<&sysrepo_device_handler::lldp_set_enable>::create(
+        auto enable = dh::api::config_param<&sysrepo_device_handler::lldp_set_enable>::create(
             db, fmt::format("config/{}/lldp/enable", port), self,
             [self, port] {
                 auto handler = self.lock();
@@ -74,6 +74,7 @@ void sysrepo_device_handler::lldp_init() {
                 return handler->lldp_get_enable(port);
             },
             port);
+        group.add_value(enable, 0);
         auto node = pushed_document_node::create(db, fmt::format("data/{}/lldp/neighbours", port),
                                                  pushed_document_node::filter_type::make_equal());
         node->set_value(empty_array());
