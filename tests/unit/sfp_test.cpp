@@ -1,4 +1,6 @@
 #include <chrono>
+#include <functional>
+#include <limits>
 #include <map>
 #include <memory>
 #include <mutex>
