@@ -40,8 +40,6 @@ TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
     doc = parse(routing(R"({"type":"infix-routing:ospfv2"},)" + created));
     handler->update_gateway(doc, "");
     EXPECT_EQ(to_json(doc), routing(R"({"type":"infix-routing:ospfv2"})"));
-    handler->update_gateway(doc, "");
-    EXPECT_EQ(to_json(doc), routing(R"({"type":"infix-routing:ospfv2"})"));
 
     // A static entry without routes is left without a gateway.
     const std::string empty_routes = routing(

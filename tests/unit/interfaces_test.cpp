@@ -162,8 +162,6 @@ TEST_F(Interfaces, EnableSwitch) {
     EXPECT_EQ(to_json((*iface(last_import(), "e13.21"))["enabled"]), "false");
     handler->set_ifconf_enabled("e14", 22, "down");
     EXPECT_EQ(handler->get_ifconf_enabled(last_import(), "e14.22"), "down");
-    handler->set_ifconf_enabled("e7", std::nullopt, "down");
-    EXPECT_EQ(handler->get_ifconf_enabled(last_import(), "e7"), "down");
     EXPECT_EQ(handler->get_ifconf_enabled(parse(R"({"ietf-interfaces:interfaces":{"interface":[)"
                                                 R"({"name":"e1"}]}})"),
                                           "e1"),

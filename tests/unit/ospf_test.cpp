@@ -239,16 +239,4 @@ TEST_F(Ospf, InterfaceAdminStatusFollowsTheInterfaceMode) {
               std::string::npos);
 }
 
-TEST_F(Ospf, ReadersRefreshTheModelFromTheConfiguration) {
-    generate();
-    Document doc = last_import();
-    EXPECT_EQ(handler->get_ospf_area_id(doc), "0.0.0.1");
-    EXPECT_EQ(handler->get_ospf_adminStatus(doc), "up");
-    // A configuration without OSPF keeps the last known area and reads as down.
-    Document bare = parse(device());
-    EXPECT_EQ(handler->get_ospf_area_id(bare), "0.0.0.1");
-    EXPECT_EQ(handler->get_ospf_adminStatus(bare), "down");
-    EXPECT_EQ(to_json(handler->get_control_plane_protocol(std::as_const(bare))), "[]");
-}
-
 }  // namespace
