@@ -369,7 +369,7 @@ class server_core {
 
     dh_db& db;
     const options opts;
-    // Declared first so that it outlives every socket and handler below.
+    // Declared before the sockets, connections and pool below, so that it outlives them.
     asio::io_context io{1};
 
   private:
@@ -425,8 +425,6 @@ class server_core {
     // Created last and reset first: jobs may post to the serving loop and to the pool itself.
     std::unique_ptr<asio::thread_pool> pool_;
 };
-
-// ---------------------------------------------------------------------------------------------
 
 connection::connection(server_core& core, generic_socket socket)
     : core_(core), socket_(std::move(socket)), rbuf_(initial_read_buffer) {}
@@ -688,8 +686,6 @@ void connection::job_finished() {
         asio::post(core_.io, [self = self()] { self->finish_if_drained(); });
 }
 
-// ---------------------------------------------------------------------------------------------
-
 void check(const error_code& ec, const std::string& what) {
     if (ec) throw std::system_error(ec.value(), std::system_category(), what);
 }
@@ -800,8 +796,6 @@ void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>&
     }
     throw dh_error(code_method_not_found, "Method not found");
 }
-
-// ---------------------------------------------------------------------------------------------
 
 server_core::server_core(dh_db& d, const std::string& socket_dir, unsigned port, bool local_only,
                          options o)
