@@ -359,6 +359,7 @@ class server_core {
     unsigned ipv6_port() const { return ipv6_port_.load(); }
     const std::string& socket_path() const { return socket_path_; }
     std::size_t connection_count() const { return connection_count_.load(); }
+    std::size_t accept_failures() const { return accept_failures_.load(); }
 
     // Serving thread.
     void handle_line(connection& c, char* line, std::size_t len);
@@ -409,6 +410,7 @@ class server_core {
     // every line.
     std::unordered_map<std::uint64_t, std::shared_ptr<connection>> sessions_;
     std::atomic<std::size_t> connection_count_{0};
+    std::atomic<std::size_t> accept_failures_{0};
     std::chrono::steady_clock::time_point last_accept_warning_{};
     rapidjson::Reader reader_;
     alignas(16) char parse_buffer_[32 * 1024];
@@ -935,6 +937,7 @@ void server_core::accept_next(Acceptor& acceptor, bool is_tcp) {
 
 template <typename Acceptor>
 void server_core::accept_failed(Acceptor& acceptor, bool is_tcp, const error_code& ec) {
+    accept_failures_.fetch_add(1);
     const auto now = std::chrono::steady_clock::now();
     if (now - last_accept_warning_ > std::chrono::seconds(1)) {
         last_accept_warning_ = now;
@@ -1234,6 +1237,9 @@ const std::string& server::socket_path() const {
 }
 std::size_t server::connection_count() const {
     return core_->connection_count();
+}
+std::size_t server::accept_failures() const {
+    return core_->accept_failures();
 }
 
 }  // namespace dh::server

@@ -61,6 +61,8 @@ class server {
     const std::string& socket_path() const;
     // Connections open right now (thread-safe).
     std::size_t connection_count() const;
+    // Failed accepts so far, for instance for want of descriptors (thread-safe).
+    std::size_t accept_failures() const;
 
   private:
     std::unique_ptr<detail::server_core> core_;

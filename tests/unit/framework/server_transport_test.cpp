@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -19,6 +21,24 @@ bool answers(line_client& c) {
     auto line = c.read_line();
     return line && *line == R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})";
 }
+
+// A server with its own node tree and limits, serving on a thread until destroyed.
+struct bare_server {
+    explicit bare_server(dh::server::options opts = {})
+        : dir(make_temp_dir()), srv(db, dir, 0, true, opts), serving([this] { srv.run(); }) {
+        add<text_node>(db, "data/version", "1.2.3");
+    }
+    ~bare_server() {
+        srv.stop();
+        serving.join();
+        std::filesystem::remove_all(dir);
+    }
+
+    dh_db db;
+    const std::string dir;
+    dh::server::server srv;
+    std::thread serving;
+};
 
 TEST(server_socket, ReplacesStaleSocketFileWithMode0660) {
     const std::string dir = make_temp_dir();
@@ -161,14 +181,38 @@ TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
     EXPECT_TRUE(c.closed_by_server());
 }
 
+TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
+    bare_server b;
+    auto& srv = b.srv;
+
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
+    const auto open_now = std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                                        std::filesystem::directory_iterator{});
+    rlimit low = saved;
+    low.rlim_cur = static_cast<rlim_t>(open_now + 32);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
+    // Take every descriptor but one; the client takes that one, so the server cannot accept.
+    std::vector<int> filler;
+    for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;) filler.push_back(fd);
+    ::close(filler.back());
+    filler.pop_back();
+    auto c = line_client::unix_socket(srv.socket_path());
+    ASSERT_TRUE(c.send_line(get_version));
+    EXPECT_TRUE(wait_until([&] { return srv.accept_failures() > 0; }));
+
+    for (int fd : filler) ::close(fd);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
+    auto line = c.read_line();
+    ASSERT_TRUE(line);
+    EXPECT_EQ(*line, R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
+}
+
 TEST(server_limits, ConnectionOverTheCapIsRefused) {
-    const std::string dir = make_temp_dir();
-    dh_db db;
-    add<text_node>(db, "data/version", "1.2.3");
     dh::server::options opts;
     opts.max_connections = 2;
-    dh::server::server srv(db, dir, 0, true, opts);
-    std::thread serving([&] { srv.run(); });
+    bare_server s(opts);
+    auto& srv = s.srv;
 
     auto a = line_client::unix_socket(srv.socket_path());
     auto b = line_client::tcp(srv.tcp_port());
@@ -188,10 +232,6 @@ TEST(server_limits, ConnectionOverTheCapIsRefused) {
     ASSERT_TRUE(wait_until([&] { return srv.connection_count() == 1; }));
     auto c = line_client::unix_socket(srv.socket_path());
     EXPECT_TRUE(answers(c));
-
-    srv.stop();
-    serving.join();
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace
