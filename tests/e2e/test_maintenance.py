@@ -3,7 +3,6 @@ deepest keeping three keys of the configuration store through a real redis), the
 and its failures, and parameters that would reach a shell."""
 
 import re
-import subprocess
 import time
 import unittest
 
@@ -17,24 +16,6 @@ KEPT = ["dh/sysrepo:config/e28/ipv4Settings", "dh/sysrepo:config/dnsSettings",
 WIPE_TOOLS = [["/etc/init.d/redis-server", "stop"], ["/etc/init.d/confd-data-provider-init", "stop"],
               ["/etc/init.d/confd-init", "stop"]]
 ERROR_FILE = re.compile(r"^[0-9a-f]{4}(-[0-9a-f]{4}){3}$", re.M)
-
-# Redis 7 keeps an append-only file as a directory of parts (appendonlydir/keep.aof.N.base.rdb,
-# ...incr.aof, manifest) where the device's redis writes one file keep.aof. This watcher, run in
-# the sandbox during a level-4 reset, keeps STORE_DIR/keep.aof equal to the parts joined in
-# manifest order (the single-file layout: RDB preamble, then commands) until the daemon has
-# copied it to /tmp/keep.aof.
-KEEP_AOF_WATCHER = r"""
-d=%s; end=$((SECONDS + 20))
-while [ $SECONDS -lt $end ] && [ ! -s /tmp/keep.aof ]; do
-  m=$d/appendonlydir/keep.aof.manifest
-  if [ -f $m ]; then
-    (cd $d/appendonlydir && cat $(sed -n 's/^file \([^ ]*\) .* type b.*/\1/p' $m) \
-        $(sed -n 's/^file \([^ ]*\) .* type i.*/\1/p' $m)) > $d/keep.aof.new 2>/dev/null \
-      && mv -f $d/keep.aof.new $d/keep.aof
-  fi
-  sleep 0.02
-done
-""" % STORE_DIR
 
 
 def maintenance_tools(entries):
@@ -98,9 +79,6 @@ class MaintenanceTest(unittest.TestCase):
             self.assertEqual(dev.exec(*cli, "SET", "{conf}:" + key, "kept-%d" % i).stdout.strip(), "OK")
         dev.exec(*cli, "SET", "{conf}:dh/other:config/x", "wiped")
 
-        watcher = subprocess.Popen([dhtest.DEVHOST, "exec", dev.dir, "--", "/bin/bash", "-c",
-                                    KEEP_AOF_WATCHER])
-        self.addCleanup(watcher.wait)
         mark = dev.mark()
         self.assertIs(dev.run("command/restoreFactoryDefaults", 4, timeout=30), True)
         self.wait_done(dev, 1)
