@@ -182,6 +182,11 @@ TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
 }
 
 TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
+#ifdef __SANITIZE_ADDRESS__
+    // UndefinedBehaviorSanitizer probes memory through a pipe when it first checks a type; with
+    // no descriptor left it reports every such check as a fault.
+    GTEST_SKIP() << "needs free descriptors under AddressSanitizer/UndefinedBehaviorSanitizer";
+#endif
     bare_server b;
     auto& srv = b.srv;
 
