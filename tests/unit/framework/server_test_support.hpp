@@ -74,6 +74,19 @@ class line_client {
         return line_client(fd);
     }
 
+    static line_client tcp6_loopback(unsigned port) {
+        int fd = ::socket(AF_INET6, SOCK_STREAM, 0);
+        sockaddr_in6 addr{};
+        addr.sin6_family = AF_INET6;
+        addr.sin6_port = htons(static_cast<uint16_t>(port));
+        addr.sin6_addr = in6addr_loopback;
+        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+            ::close(fd);
+            throw std::runtime_error(std::string("connect tcp6: ") + std::strerror(errno));
+        }
+        return line_client(fd);
+    }
+
     line_client(line_client&& o) noexcept
         : fd_(std::exchange(o.fd_, -1)), buf_(std::move(o.buf_)) {}
     ~line_client() {
