@@ -1,5 +1,6 @@
 #include "server.hpp"
 
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
@@ -40,6 +41,16 @@
 #include "dh_node.hpp"
 #include "dh_session.hpp"
 #include "msg_log.hpp"
+
+namespace {
+
+// Host commands the daemon starts (through popen or system) must not inherit its sockets: a
+// backgrounded child would keep the ports open after the daemon ends.
+void set_cloexec(int fd) {
+    ::fcntl(fd, F_SETFD, ::fcntl(fd, F_GETFD) | FD_CLOEXEC);
+}
+
+}  // namespace
 
 namespace dh::server::detail {
 
@@ -849,6 +860,7 @@ void server_core::open_unix(const std::string& socket_dir) {
     error_code ec;
     unix_acceptor_.open(endpoint.protocol(), ec);
     check(ec, "Cannot open Unix socket");
+    set_cloexec(unix_acceptor_.native_handle());
     unix_acceptor_.bind(endpoint, ec);
     check(ec, "Cannot bind Unix socket " + socket_path_);
     if (::chmod(socket_path_.c_str(), 0660) != 0)
@@ -866,6 +878,7 @@ void server_core::open_tcp(unsigned port, bool local_only) {
     error_code ec;
     tcp_acceptor_.open(endpoint.protocol(), ec);
     check(ec, "Cannot open TCP socket");
+    set_cloexec(tcp_acceptor_.native_handle());
     tcp_acceptor_.set_option(asio::socket_base::reuse_address(true), ec);
     check(ec, "Cannot set SO_REUSEADDR");
     tcp_acceptor_.bind(endpoint, ec);
@@ -882,6 +895,7 @@ void server_core::start_ipv6_socket(const std::string& interface) {
     error_code ec;
     acceptor->open(tcp::v6(), ec);
     check(ec, "Cannot open IPv6 socket");
+    set_cloexec(acceptor->native_handle());
     acceptor->set_option(asio::ip::v6_only(true), ec);
     check(ec, "Cannot set IPV6_V6ONLY");
     acceptor->set_option(asio::socket_base::reuse_address(true), ec);
@@ -930,6 +944,7 @@ void server_core::accept_next(Acceptor& acceptor, bool is_tcp) {
             accept_failed(acceptor, is_tcp, ec);
             return;
         }
+        set_cloexec(peer->native_handle());
         accepted(std::move(*peer), is_tcp);
         accept_next(acceptor, is_tcp);
     });

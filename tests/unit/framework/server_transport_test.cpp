@@ -40,7 +40,7 @@ struct bare_server {
     std::thread serving;
 };
 
-TEST(server_socket, ReplacesStaleSocketFileWithMode0660) {
+TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
     const std::string dir = make_temp_dir();
     const std::string sock_dir = dir + "/a/b";
     std::filesystem::create_directories(sock_dir);
@@ -52,6 +52,14 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660) {
         EXPECT_TRUE(S_ISSOCK(st.st_mode));
         EXPECT_EQ(st.st_mode & 0777, 0660u);
         EXPECT_NE(api.tcp_port(), 0u);
+        // Children the daemon starts must not inherit its listening sockets.
+        for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
+            std::error_code ec;
+            const auto target = std::filesystem::read_symlink(fd.path(), ec).string();
+            if (target.rfind("socket:", 0) != 0) continue;
+            const int n = std::stoi(fd.path().filename().string());
+            EXPECT_TRUE(::fcntl(n, F_GETFD) & FD_CLOEXEC) << "socket fd " << n << " is inherited";
+        }
     }
     std::filesystem::remove_all(dir);
 }
