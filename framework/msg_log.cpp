@@ -8,7 +8,9 @@
 #include <boost/algorithm/string/case_conv.hpp>
 #include <boost/core/null_deleter.hpp>
 #include <boost/date_time/posix_time/posix_time.hpp>
+#include <boost/log/attributes/attribute_value_impl.hpp>
 #include <boost/log/attributes/clock.hpp>
+#include <boost/log/attributes/value_extraction.hpp>
 #include <boost/log/core.hpp>
 #include <boost/log/expressions.hpp>
 #include <boost/log/sinks/sync_frontend.hpp>
@@ -65,6 +67,14 @@ logger_type& construct_logger() {
     std::call_once(once, install_sink);
     static logger_type logger;
     return logger;
+}
+
+boost::log::record open_record(int severity, std::string_view channel) {
+    auto rec = construct_logger().open_record(boost::log::keywords::severity = severity);
+    if (rec)
+        rec.attribute_values().insert(
+            "Channel", boost::log::attributes::make_attribute_value(std::string(channel)));
+    return rec;
 }
 
 int parse_level(std::string_view text) {
