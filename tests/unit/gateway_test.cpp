@@ -1,14 +1,10 @@
 #include <string>
 
-#include "ifospf_fixture.hpp"
+#include "handler_fixture.hpp"
 
 namespace {
 
 using Gateway = handler_test;
-
-constexpr const char* ospf_only =
-    R"({"ietf-routing:routing":{"control-plane-protocols":{"control-plane-protocol":[)"
-    R"({"type":"infix-routing:ospfv2","name":"default"}]}}})";
 
 std::string routing(const std::string& protocols) {
     return R"({"ietf-routing:routing":{"control-plane-protocols":{"control-plane-protocol":[)" +
@@ -25,17 +21,16 @@ TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
     EXPECT_EQ(to_json(doc), routing(created));
 
     // Only the first route's next hop changes; its prefix and further routes stay.
-    doc = parse(routing(
+    const std::string routes =
         R"({"type":"infix-routing:static","name":"s","static-routes":{"ietf-ipv4-unicast-routing:ipv4":)"
-        R"({"route":[{"destination-prefix":"10.0.0.0/8","next-hop":{"next-hop-address":"1.1.1.1"}},)"
-        R"({"destination-prefix":"0.0.0.0/0"}]}}})"));
+        R"({"route":[{"destination-prefix":"10.0.0.0/8","next-hop":{"next-hop-address":"{}"}},)"
+        R"({"destination-prefix":"0.0.0.0/0"}]}}})";
+    const auto with_hop = [&](const std::string& hop) {
+        return routing(std::string(routes).replace(routes.find("{}"), 2, hop));
+    };
+    doc = parse(with_hop("1.1.1.1"));
     handler->update_gateway(doc, "10.0.0.1");
-    EXPECT_EQ(
-        to_json(doc),
-        routing(
-            R"({"type":"infix-routing:static","name":"s","static-routes":{"ietf-ipv4-unicast-routing:ipv4":)"
-            R"({"route":[{"destination-prefix":"10.0.0.0/8","next-hop":{"next-hop-address":"10.0.0.1"}},)"
-            R"({"destination-prefix":"0.0.0.0/0"}]}}})"));
+    EXPECT_EQ(to_json(doc), with_hop("10.0.0.1"));
 
     doc = parse(routing(R"({"type":"infix-routing:ospfv2"},)" + created));
     handler->update_gateway(doc, "");
@@ -50,21 +45,25 @@ TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
 }
 
 TEST_F(Gateway, SetAndGetThroughTheRunningConfiguration) {
-    running_is(ospf_only);
-    EXPECT_EQ(handler->get_gateway(), "0.0.0.0");
-    handler->set_gateway("192.0.2.1");
-    keep_last_import();
+    running_is(running_doc());
     EXPECT_EQ(handler->get_gateway(), "192.0.2.1");
+    handler->set_gateway("192.0.2.254");
+    keep_last_import();
+    EXPECT_EQ(handler->get_gateway(), "192.0.2.254");
     EXPECT_EQ(imports("startup").size(), 1u);
 
-    auto e = catch_dh_error([&] { handler->set_gateway("gw.example"); });
-    EXPECT_EQ(e.code(), -22);
-    EXPECT_EQ(e.message(), "Invalid gateway address: gw.example");
+    EXPECT_EQ(error_of([&] { handler->set_gateway("gw.example"); }),
+              "-22 Invalid gateway address: gw.example");
     EXPECT_EQ(imports().size(), 1u);
 
+    // Removing the gateway removes the static entry and keeps OSPF's.
     handler->set_gateway("");
     keep_last_import();
     EXPECT_EQ(handler->get_gateway(), "0.0.0.0");
+    const std::string protocols =
+        "/ietf-routing:routing/control-plane-protocols/control-plane-protocol";
+    EXPECT_EQ(at(last_import(), protocols)->Size(), 1u);
+    EXPECT_EQ(json_at(last_import(), protocols + "/0/type"), R"("infix-routing:ospfv2")");
     running_is(routing(
         R"({"type":"infix-routing:static","static-routes":{"ietf-ipv4-unicast-routing:ipv4":{"route":[]}}})"));
     EXPECT_EQ(handler->get_gateway(), "0.0.0.0");

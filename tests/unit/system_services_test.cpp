@@ -1,40 +1,13 @@
 #include <cstdlib>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
-
 #include "cli_text.hpp"
-#include "dh_error.hpp"
-#include "fake_runner.hpp"
-#include "log_capture.hpp"
-#include "sysrepo_device_handler.hpp"
+#include "handler_fixture.hpp"
 
 namespace {
 
-const std::string ns = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/1/ns/net ";
 const std::string greeting = "See the 'help' command for an introduction to the system\n";
-
-template <typename F>
-dh_error catch_dh_error(F&& f) {
-    try {
-        f();
-    } catch (const dh_error& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no dh_error thrown";
-    return dh_error(0, "");
-}
-
-class SystemServices : public testing::Test {
-  protected:
-    fake_runner::guard fake;
-    dh_db db;
-    std::shared_ptr<sysrepo_device_handler> handler = std::make_shared<sysrepo_device_handler>(db);
-};
-
-}  // namespace
 
 TEST(CliText, ShellCharactersQuotesAndControlCharactersAreRefused) {
     for (const char* ok : {"show ospf neighbor", "set datetime 2024-05-01T12:00:00+02:00Z", ""})
@@ -50,6 +23,8 @@ TEST(CliText, ShellCharactersQuotesAndControlCharactersAreRefused) {
         EXPECT_FALSE(cli_text::has_date_time_form(bad)) << bad;
 }
 
+using SystemServices = handler_test;
+
 TEST_F(SystemServices, CliCommandRunsInKlishAndDropsTheGreeting) {
     fake->on("klish", fake_runner::reply{0, "Neighbor 10.0.0.2 Full\n" + greeting});
     EXPECT_EQ(handler->run_cli_command("show ospf neighbor"), "Neighbor 10.0.0.2 Full\n");
@@ -59,10 +34,9 @@ TEST_F(SystemServices, CliCommandRunsInKlishAndDropsTheGreeting) {
     log_capture logs;
     fake->clear();
     for (const std::string cmd : {"show [x]", "x'; touch /tmp/canary; '", "show\nreboot"}) {
-        auto e = catch_dh_error([&] { handler->run_cli_command(cmd); });
-        EXPECT_EQ(e.code(), -22);
-        EXPECT_EQ(e.message(), "Invalid cli command: \"" + cmd + "\".");
-        EXPECT_EQ(logs.find(e.message()).size(), 1u);
+        const std::string message = "Invalid cli command: \"" + cmd + "\".";
+        EXPECT_EQ(error_of([&] { handler->run_cli_command(cmd); }), "-22 " + message);
+        EXPECT_EQ(logs.find(message).size(), 1u);
     }
     EXPECT_TRUE(fake->calls().empty());
 }
@@ -80,38 +54,33 @@ TEST_F(SystemServices, DateAndTimeGoThroughTheShell) {
     EXPECT_EQ(calls[1].cmd, "/etc/init.d/ntpd restart &");
 
     fake->clear();
-    for (const std::string when : {"2024-05-01", "x'; touch /tmp/canary; 'xxxxxxxx"}) {
-        auto e = catch_dh_error([&] { handler->set_date_time(when); });
-        EXPECT_EQ(e.code(), -22);
-        EXPECT_EQ(e.message(), "Unexpected format of date/time: " + when);
-    }
+    for (const std::string when : {"2024-05-01", "x'; touch /tmp/canary; 'xxxxxxxx"})
+        EXPECT_EQ(error_of([&] { handler->set_date_time(when); }),
+                  "-22 Unexpected format of date/time: " + when);
     // A well-formed start does not let a quote through in the tail.
-    EXPECT_EQ(catch_dh_error([&] {
-                  handler->set_date_time("2024-05-01 12:00:00'; touch /tmp/canary; '");
-              }).message(),
-              "Invalid cli command: \"set datetime 2024-05-01T12:00:00'; touch /tmp/canary; 'Z\".");
+    EXPECT_EQ(
+        error_of([&] { handler->set_date_time("2024-05-01 12:00:00'; touch /tmp/canary; '"); }),
+        "-22 Invalid cli command: \"set datetime 2024-05-01T12:00:00'; touch /tmp/canary; "
+        "'Z\".");
     EXPECT_TRUE(fake->calls().empty());
 }
 
 TEST_F(SystemServices, AutomationModeFollowsTheControllerType) {
-    const std::pair<const char*, const char*> cases[] = {
-        {"ILA", "managedILA"},
-        {"managedIla", "managedILA"},
-        {"managedCLI", "managedCLI"},
-        {"MANAGEDCLI", "managedCLI"},
-        {"managedNetconf", "managedNetconf"},
-        {"other", "managedNetconf"},
-    };
+    const std::pair<const char*, const char*> cases[] = {{"ILA", "managedILA"},
+                                                         {"managedIla", "managedILA"},
+                                                         {"managedCLI", "managedCLI"},
+                                                         {"MANAGEDCLI", "managedCLI"},
+                                                         {"managedNetconf", "managedNetconf"},
+                                                         {"other", "managedNetconf"}};
     for (auto [value, mode] : cases) {
         setenv("QMX_CONTROLLER_TYPE", value, 1);
         EXPECT_EQ(handler->get_automation_mode(), mode) << value;
     }
     unsetenv("QMX_CONTROLLER_TYPE");
     EXPECT_EQ(handler->get_automation_mode(), "managedNetconf");
-
-    for (const std::string mode : {"managedila", "ILA", ""}) {
-        auto e = catch_dh_error([&] { handler->set_automation_mode(mode); });
-        EXPECT_EQ(e.code(), -22);
-        EXPECT_EQ(e.message(), "Invalid automation mode: " + mode);
-    }
+    for (const std::string mode : {"managedila", "ILA", ""})
+        EXPECT_EQ(error_of([&] { handler->set_automation_mode(mode); }),
+                  "-22 Invalid automation mode: " + mode);
 }
+
+}  // namespace

@@ -1,0 +1,298 @@
+#pragma once
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <rapidjson/pointer.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+#include <boost/log/attributes/value_extraction.hpp>
+#include <boost/log/core.hpp>
+#include <boost/log/sinks/basic_sink_backend.hpp>
+#include <boost/log/sinks/sync_frontend.hpp>
+#include <boost/make_shared.hpp>
+
+#include "dh_error.hpp"
+#include "msg_log.hpp"
+#include "sysrepo_common.hpp"
+#include "sysrepo_device_handler.hpp"
+
+using namespace std::chrono_literals;
+
+// The host-namespace prefix of every command, spelled out so that a changed prefix fails.
+inline const std::string ns = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/1/ns/net ";
+
+// Replaces the process-wide command runner while its guard lives. Every command is recorded with
+// its kind and input; the latest rule whose needle the command contains answers it (exit 0 and
+// no output when none does).
+class fake_runner : public sysrepo_common::command_runner {
+  public:
+    struct call {
+        enum kind_t { capture, feed, system } kind;
+        std::string cmd, input;
+    };
+    struct reply {
+        int status = 0;
+        std::string output;
+    };
+    using rule = std::function<reply(const call&)>;
+
+    class guard {
+      public:
+        guard() : previous_(sysrepo_common::set_command_runner(runner_)) {}
+        ~guard() { sysrepo_common::set_command_runner(previous_); }
+        fake_runner* operator->() const { return runner_.get(); }
+
+      private:
+        std::shared_ptr<fake_runner> runner_ = std::make_shared<fake_runner>();
+        std::shared_ptr<sysrepo_common::command_runner> previous_;
+    };
+
+    void on(std::string needle, reply r) {
+        on(std::move(needle), [r](const call&) { return r; });
+    }
+    void on(std::string needle, rule f) {
+        std::lock_guard lock(mutex_);
+        rules_.insert(rules_.begin(), {std::move(needle), std::move(f)});
+    }
+    std::vector<call> calls() const {
+        std::lock_guard lock(mutex_);
+        return calls_;
+    }
+    std::vector<std::string> commands() const {
+        std::vector<std::string> out;
+        for (const auto& c : calls()) out.push_back(c.cmd);
+        return out;
+    }
+    // How many recorded commands contain `needle`.
+    std::size_t count(std::string_view needle) const {
+        std::size_t n = 0;
+        for (const auto& c : calls()) n += c.cmd.find(needle) != std::string::npos;
+        return n;
+    }
+    void clear() {
+        std::lock_guard lock(mutex_);
+        calls_.clear();
+    }
+
+    int run_capture(const std::string& cmd, std::string& output) override {
+        auto r = answer({call::capture, cmd, {}});
+        output += r.output;
+        return r.status;
+    }
+    int run_feed(const std::string& cmd, std::string_view input) override {
+        return answer({call::feed, cmd, std::string(input)}).status;
+    }
+    int run_system(const std::string& cmd) override {
+        return answer({call::system, cmd, {}}).status;
+    }
+
+  private:
+    reply answer(call c) {
+        rule f;
+        {
+            std::lock_guard lock(mutex_);
+            calls_.push_back(c);
+            for (const auto& [needle, r] : rules_)
+                if (c.cmd.find(needle) != std::string::npos) {
+                    f = r;
+                    break;
+                }
+        }
+        return f ? f(c) : reply{};
+    }
+
+    mutable std::mutex mutex_;  // guards both lists
+    std::vector<call> calls_;
+    std::vector<std::pair<std::string, rule>> rules_;
+};
+
+// Collects every log record written while it lives.
+class log_capture {
+  public:
+    struct record {
+        int severity;
+        std::string channel, message;
+    };
+
+    log_capture() {
+        msg_log_slg::construct_logger();
+        boost::log::core::get()->add_sink(sink_);
+    }
+    ~log_capture() { boost::log::core::get()->remove_sink(sink_); }
+
+    // Records whose message contains `needle`.
+    std::vector<record> find(const std::string& needle) const {
+        std::lock_guard lock(backend_->mutex);
+        std::vector<record> out;
+        for (const auto& r : backend_->records)
+            if (r.message.find(needle) != std::string::npos) out.push_back(r);
+        return out;
+    }
+
+  private:
+    struct backend
+        : boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
+        void consume(const boost::log::record_view& rec) {
+            std::lock_guard lock(mutex);
+            using boost::log::extract_or_default;
+            records.push_back({extract_or_default<int>("Severity", rec, -1),
+                               extract_or_default<std::string>("Channel", rec, std::string()),
+                               extract_or_default<std::string>("Message", rec, std::string())});
+        }
+        mutable std::mutex mutex;
+        std::vector<record> records;
+    };
+    boost::shared_ptr<backend> backend_ = boost::make_shared<backend>();
+    boost::shared_ptr<boost::log::sinks::synchronous_sink<backend>> sink_ =
+        boost::make_shared<boost::log::sinks::synchronous_sink<backend>>(backend_);
+};
+
+inline std::string to_json(const dh::Value& v) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    v.Accept(writer);
+    return buffer.GetString();
+}
+
+inline Document parse(const std::string& json) {
+    Document doc;
+    doc.Parse(json.c_str());
+    EXPECT_FALSE(doc.HasParseError()) << json;
+    return doc;
+}
+
+// "<code> <message>" of the dh_error that f throws, or "no error".
+template <typename F>
+std::string error_of(F&& f) {
+    try {
+        f();
+    } catch (const dh_error& e) {
+        return std::to_string(e.code()) + " " + e.message();
+    }
+    return "no error";
+}
+
+// A file of tests/unit/data.
+inline std::string data_file(const std::string& name) {
+    std::ifstream in(std::string(UNIT_DATA_DIR) + "/" + name);
+    EXPECT_TRUE(in) << name;
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+}
+
+// Waits until `condition` holds, at most `limit`.
+inline bool eventually(const std::function<bool()>& condition,
+                       std::chrono::milliseconds limit = 5s) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(10ms);
+    }
+    return true;
+}
+
+// A node's current value as compact JSON, "error <code> <message>", or "missing".
+inline std::string read_node(dh_db& db, const std::string& path) {
+    auto node = db.find_leaf_node(path);
+    if (!node) return "missing";
+    Document doc;
+    dh::Value out;
+    const auto error = error_of([&] { node->get(path, doc.GetAllocator(), out); });
+    return error == "no error" ? to_json(out) : "error " + error;
+}
+
+// A handler whose host commands go to a fake runner. Exports answer whatever document the test
+// last gave; every import is recorded.
+class handler_test : public testing::Test {
+  protected:
+    fake_runner::guard fake;
+    dh_db db;
+    std::shared_ptr<sysrepo_device_handler> handler = std::make_shared<sysrepo_device_handler>(db);
+
+    // data/running.json, a running configuration as the device holds it, with `edits` (JSON
+    // pointer, JSON text) applied.
+    static Document running_doc(std::vector<std::pair<std::string, std::string>> edits = {}) {
+        Document doc = parse(data_file("running.json"));
+        for (const auto& [pointer, json] : edits) {
+            const Document value = parse(json);  // const: Set copies it into doc
+            rapidjson::Pointer(pointer.c_str()).Set(doc, value, doc.GetAllocator());
+        }
+        return doc;
+    }
+    void running_is(const std::string& json) {
+        fake->on("--export -f json -d running", fake_runner::reply{0, json});
+    }
+    void running_is(const Document& doc) { running_is(to_json(doc)); }
+    void startup_is(const Document& doc) {
+        fake->on("--export -f json -d startup", fake_runner::reply{0, to_json(doc)});
+    }
+
+    // The documents fed to imports of datastore `ds`, in order.
+    std::vector<std::string> imports(const std::string& ds = "running") const {
+        std::vector<std::string> out;
+        for (const auto& c : fake->calls())
+            if (c.kind == fake_runner::call::feed &&
+                c.cmd == ns + "sysrepocfg --import -f json -d " + ds + " -t 30")
+                out.push_back(c.input);
+        return out;
+    }
+    Document last_import(const std::string& ds = "running") {
+        const auto all = imports(ds);
+        if (all.empty()) ADD_FAILURE() << "nothing imported";
+        return parse(all.empty() ? "{}" : all.back());
+    }
+    // Serves the last imported document as the running configuration.
+    void keep_last_import() {
+        const auto all = imports();
+        ASSERT_FALSE(all.empty());
+        running_is(all.back());
+    }
+
+    static const dh::Value* at(const dh::Value& doc, const std::string& pointer) {
+        return rapidjson::Pointer(pointer.c_str()).Get(doc);
+    }
+    // The compact JSON at `pointer`, or "absent".
+    static std::string json_at(const dh::Value& doc, const std::string& pointer) {
+        const auto* v = at(doc, pointer);
+        return v ? to_json(*v) : "absent";
+    }
+    // The "ietf-interfaces:interfaces" entry `name`, or nullptr.
+    static const dh::Value* iface(const dh::Value& doc, std::string_view name) {
+        const auto* list = at(doc, "/ietf-interfaces:interfaces/interface");
+        if (!list) return nullptr;
+        for (const auto& e : list->GetArray())
+            if (e["name"].GetString() == name) return &e;
+        return nullptr;
+    }
+    // The OSPF interface object `name` in area `area` of a configuration, or "absent". Every
+    // OSPF entry and both "area" members (the instance area and the uplink areas) are searched.
+    static std::string ospf_iface(const dh::Value& doc, const std::string& area,
+                                  const std::string& name) {
+        const auto* protocols =
+            at(doc, "/ietf-routing:routing/control-plane-protocols/control-plane-protocol");
+        if (!protocols) return "absent";
+        for (const auto& p : protocols->GetArray()) {
+            if (p["type"].GetString() != std::string("infix-routing:ospfv2")) continue;
+            const auto& areas = p["ietf-ospf:ospf"]["areas"];
+            for (auto m = areas.MemberBegin(); m != areas.MemberEnd(); ++m)
+                for (const auto& a : m->value.GetArray()) {
+                    if (a["area-id"].GetString() != area) continue;
+                    for (const auto& i : a["interfaces"]["interface"].GetArray())
+                        if (i["name"].GetString() == name) return to_json(i);
+                }
+        }
+        return "absent";
+    }
+};
