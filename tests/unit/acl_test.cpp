@@ -1,11 +1,11 @@
 #include <string>
-#include <vector>
 
 #include "acl_whitelist.hpp"
 #include "handler_fixture.hpp"
 
 namespace {
 
+constexpr auto v4 = addr_family::ipv4;
 const std::string flush = "flush set inet filter whitelist_ipv4;";
 
 std::string nft_batch(const std::string& statements) {
@@ -25,7 +25,6 @@ TEST(AclWhitelist, TextOfEveryElementFormAndRefusedEntries) {
          ", , 10.0.0.1, "},
         // A "prefix" that is no object falls through to "range".
         {R"([{"prefix":1,"range":["1.1.1.1","1.1.1.2"]}])", "1.1.1.1-1.1.1.2"},
-        {"[]", ""},
         {R"([{"prefix":{"addr":"10.0.0.0","len":33}}])",
          "-22 Invalid whitelist entry: 10.0.0.0/33"},
         {R"([{"range":["1.1.1.1","1.1.1.1'; reboot; '"]}])",
@@ -44,55 +43,57 @@ TEST(AclWhitelist, TextOfEveryElementFormAndRefusedEntries) {
         EXPECT_FALSE(acl_whitelist::is_valid_entry(bad)) << bad;
 }
 
-using Acl = handler_test;
+class Acl : public handler_test {
+  protected:
+    std::string whitelist() { return to_json(handler->acl_get_whitelist(v4)); }
+    std::string set(const char* json, addr_family family = v4) {
+        return error_of([&] { handler->acl_set_whitelist(family, parse(json)); });
+    }
+};
 
 TEST_F(Acl, ListTakesEffectOnlyWhileSwitchedOn) {
-    handler->acl_set_whitelist(addr_family::ipv4, parse(R"(["10.0.0.0/8", 1, "10.0.0.1"])"));
+    set(R"(["10.0.0.0/8", 1, "10.0.0.1"])");
     EXPECT_TRUE(fake->calls().empty());
-    EXPECT_EQ(to_json(handler->acl_get_whitelist(addr_family::ipv4)),
-              R"(["10.0.0.0/8","10.0.0.1"])");
-
+    EXPECT_EQ(whitelist(), R"(["10.0.0.0/8","10.0.0.1"])");
     handler->acl_set_adminStatus("up");
     handler->acl_set_adminStatus("down");
     handler->acl_set_adminStatus("up");
-    handler->acl_set_whitelist(addr_family::ipv4, parse("[]"));
+    set("[]");
     handler->acl_set_adminStatus("up");
-    EXPECT_EQ(
-        fake->commands(),
-        (std::vector<std::string>{refill("10.0.0.0/8, , 10.0.0.1"), refill("0.0.0.0/0"),
-                                  refill("10.0.0.0/8, , 10.0.0.1"), refill(""), nft_batch(flush)}));
-    EXPECT_EQ(to_json(handler->acl_get_whitelist(addr_family::ipv4)), "[]");
+    EXPECT_EQ(fake->commands(),
+              (texts{refill("10.0.0.0/8, , 10.0.0.1"), refill("0.0.0.0/0"),
+                     refill("10.0.0.0/8, , 10.0.0.1"), refill(""), nft_batch(flush)}));
+    EXPECT_EQ(whitelist(), "[]");
 }
 
 TEST_F(Acl, RefusalsChangeNothingAndNftFailuresKeepTheList) {
-    handler->acl_set_whitelist(addr_family::ipv4, parse(R"(["10.0.0.1"])"));
+    set(R"(["10.0.0.1"])");
     handler->acl_set_adminStatus("up");
     fake->clear();
-    const auto set = [&](addr_family family, const char* json) {
-        return error_of([&] { handler->acl_set_whitelist(family, parse(json)); });
-    };
-    EXPECT_EQ(set(addr_family::ipv4, R"({"a":1})"), "-22 Invalid whitelist format.");
-    EXPECT_EQ(set(addr_family::ipv4, R"(["10.0.0.2", "10.0.0.3'; touch /tmp/canary; '"])"),
+    EXPECT_EQ(set(R"({"a":1})"), "-22 Invalid whitelist format.");
+    EXPECT_EQ(set(R"(["10.0.0.2", "10.0.0.3'; touch /tmp/canary; '"])"),
               "-22 Invalid whitelist entry: 10.0.0.3'; touch /tmp/canary; '");
-    EXPECT_EQ(set(addr_family::ipv6, "[]"), "-22 ipv6 not implemented.");
+    EXPECT_EQ(set("[]", addr_family::ipv6), "-22 ipv6 not implemented.");
     EXPECT_EQ(error_of([&] { handler->acl_set_adminStatus("Up"); }),
               "-22 Invalid ACL admin status: Up");
     EXPECT_TRUE(fake->calls().empty());
-    EXPECT_EQ(to_json(handler->acl_get_whitelist(addr_family::ipv4)), R"(["10.0.0.1"])");
+    EXPECT_EQ(whitelist(), R"(["10.0.0.1"])");
 
     fake->on("nft", fake_runner::reply{256, ""});
-    EXPECT_EQ(set(addr_family::ipv4, R"(["10.0.0.9"])"), "-22 Failed to set ACL white list.");
-    EXPECT_EQ(to_json(handler->acl_get_whitelist(addr_family::ipv4)), R"(["10.0.0.9"])");
+    EXPECT_EQ(set(R"(["10.0.0.9"])"), "-22 Failed to set ACL white list.");
+    EXPECT_EQ(whitelist(), R"(["10.0.0.9"])");
     EXPECT_EQ(error_of([&] { handler->acl_set_adminStatus("down"); }),
               "-22 Failed to set ACL admin status.");
+    EXPECT_EQ(error_of([&] { handler->acl_get_adminStatus(); }),
+              "-22 Failed to get ACL admin status.");
 }
 
 TEST_F(Acl, LiveSetReaders) {
-    fake->on("nft list set", fake_runner::reply{0,
-                                                "table inet filter {\n set whitelist_ipv4 {\n"
-                                                "  elements = { 0.0.0.0/0 }\n }\n}\n"});
+    fake->on("nft list set",
+             fake_runner::reply{0, "set whitelist_ipv4 {\n elements = { 0.0.0.0/0 }"});
     EXPECT_EQ(handler->acl_get_adminStatus(), "down");
-    fake->on("nft list set", fake_runner::reply{0, "  elements = { 10.0.0.1 }\n"});
+    fake->on("nft list set",
+             fake_runner::reply{0, "set whitelist_ipv4 {\n elements = { 10.0.0.1 }"});
     EXPECT_EQ(handler->acl_get_adminStatus(), "up");
     EXPECT_EQ(fake->commands().back(), ns + " /usr/sbin/nft list set inet filter whitelist_ipv4");
 
@@ -104,13 +105,10 @@ TEST_F(Acl, LiveSetReaders) {
     EXPECT_EQ(fake->commands().back(),
               ns + " /usr/sbin/nft -j list set inet filter whitelist_ipv6");
     fake->on("nft -j", fake_runner::reply{0, R"({"nftables":[{},{"set":{"name":"w"}}]})"});
-    EXPECT_EQ(to_json(handler->_acl_get_whitelist(addr_family::ipv4)), "[]");
+    EXPECT_EQ(to_json(handler->_acl_get_whitelist(v4)), "[]");
     fake->on("nft -j", fake_runner::reply{0, R"({"nftables":[{"set":{}}]})"});
-    EXPECT_EQ(error_of([&] { handler->_acl_get_whitelist(addr_family::ipv4); }),
+    EXPECT_EQ(error_of([&] { handler->_acl_get_whitelist(v4); }),
               "-22 Failed to parse ACL whitelist.");
-    fake->on("nft", fake_runner::reply{256, ""});
-    EXPECT_EQ(error_of([&] { handler->acl_get_adminStatus(); }),
-              "-22 Failed to get ACL admin status.");
 }
 
 }  // namespace

@@ -1,5 +1,4 @@
 #include <string>
-#include <vector>
 
 #include "handler_fixture.hpp"
 
@@ -7,7 +6,7 @@ namespace {
 
 using Datastore = handler_test;
 
-TEST_F(Datastore, ExportCommandTextsKeepTheDoubleBlank) {
+TEST_F(Datastore, ExportCommandTextsKeepTheDoubleBlankAndInvalidJsonThrowsOnlyThere) {
     fake->on("--export", fake_runner::reply{0, "{\n  \"m:a\": {\"x\": 1}\n}\n"});
     EXPECT_EQ(to_json(export_or_else_throw(datastore::running, "")), R"({"m:a":{"x":1}})");
     export_or_else_throw(datastore::factory_default, "-m 'ietf-interfaces'");
@@ -15,32 +14,25 @@ TEST_F(Datastore, ExportCommandTextsKeepTheDoubleBlank) {
     get_ietf_ifaces_oper("e13.21");
     handler->export_data(false);
     handler->export_data(true);
+    const std::string sysrepocfg = ns + " /bin/sysrepocfg --export -f json -d ";
     EXPECT_EQ(fake->commands(),
-              (std::vector<std::string>{
-                  ns + " /bin/sysrepocfg --export -f json -d r ",
-                  ns + " /bin/sysrepocfg --export -f json -d f -m 'ietf-interfaces'",
-                  ns + " /bin/sysrepocfg --export -f json -d o -x '/ietf-interfaces:interfaces'",
-                  ns + " /bin/sysrepocfg --export -f json -d o "
-                       "-x '/ietf-interfaces:interfaces/interface[name=\"e13.21\"]'",
-                  ns + "sysrepocfg --export -f json -d running -t 30",
-                  ns + "sysrepocfg --export -f json -d startup -t 30"}));
-}
+              (texts{sysrepocfg + "r ", sysrepocfg + "f -m 'ietf-interfaces'",
+                     sysrepocfg + "o -x '/ietf-interfaces:interfaces'",
+                     sysrepocfg + "o -x '/ietf-interfaces:interfaces/interface[name=\"e13.21\"]'",
+                     ns + "sysrepocfg --export -f json -d running -t 30",
+                     ns + "sysrepocfg --export -f json -d startup -t 30"}));
 
-TEST_F(Datastore, InvalidJsonThrowsFromExportOrElseThrowOnly) {
     for (const std::string output : {"sysrepocfg: not ready", "", "{\"a\": 1} trailing"}) {
         fake->on("--export", fake_runner::reply{0, output});
         log_capture logs;
         EXPECT_EQ(error_of([] { export_or_else_throw(datastore::operational, ""); }),
                   "22 Invalid json in response");
-        const auto logged = logs.find("Invalid json response: " + output);
-        ASSERT_EQ(logged.size(), 1u) << output;
-        EXPECT_EQ(logged[0].severity, 3);
-        EXPECT_EQ(logged[0].channel, "export_or_else_throw");
+        EXPECT_EQ(logs.find("Invalid json response: " + output), texts{"3 export_or_else_throw"});
         EXPECT_TRUE(handler->export_data(false).IsNull());
     }
     fake->on("--export", fake_runner::reply{256, "{}"});
     EXPECT_EQ(error_of([] { export_or_else_throw(datastore::running, ""); }),
-              "-1 Failed to call: " + ns + " /bin/sysrepocfg --export -f json -d r ");
+              "-1 Failed to call: " + sysrepocfg + "r ");
     EXPECT_EQ(error_of([&] { handler->export_data(true); }),
               "-1 Failed to call: " + ns + "sysrepocfg --export -f json -d startup -t 30");
 }
@@ -51,7 +43,7 @@ TEST_F(Datastore, ImportWritesCompactJsonToRunningThenStartup) {
     handler->import_data(doc, true);
     const auto running = ns + "sysrepocfg --import -f json -d running -t 30";
     const auto startup = ns + "sysrepocfg --import -f json -d startup -t 30";
-    EXPECT_EQ(fake->commands(), (std::vector<std::string>{running, startup, startup}));
+    EXPECT_EQ(fake->commands(), (texts{running, startup, startup}));
     for (const auto& c : fake->calls()) {
         EXPECT_EQ(c.kind, fake_runner::call::feed);
         EXPECT_EQ(c.input, R"({"m:a":{"n":[1,2.5,"x"]}})");
@@ -63,11 +55,9 @@ TEST_F(Datastore, ImportWritesCompactJsonToRunningThenStartup) {
     log_capture logs;
     EXPECT_EQ(error_of([&] { handler->import_data(doc, false); }),
               "256 Failed to call: " + running);
-    EXPECT_EQ(fake->commands(), std::vector<std::string>{running});
-    const auto logged = logs.find(R"(Failed when trying to set: {"m:a":{"n":[1,2.5,"x"]}})");
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_EQ(logged[0].severity, 3);
-    EXPECT_EQ(logged[0].channel, "import_module");
+    EXPECT_EQ(fake->commands(), texts{running});
+    EXPECT_EQ(logs.find(R"(Failed when trying to set: {"m:a":{"n":[1,2.5,"x"]}})"),
+              texts{"3 import_module"});
 }
 
 TEST_F(Datastore, OperationalCacheServesCopiesUntilAnImportOrForOneSecond) {
@@ -80,7 +70,6 @@ TEST_F(Datastore, OperationalCacheServesCopiesUntilAnImportOrForOneSecond) {
     second["i:i"]["n"].SetInt(98);
     EXPECT_EQ(to_json(handler->_cached_oper_get("ietf-interfaces")), R"({"i:i":{"n":1}})");
     EXPECT_EQ(fake->count(oper), 1u);
-
     // Every call is a cache hit until the entry goes stale.
     EXPECT_TRUE(eventually(
         [&] {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <functional>
@@ -32,6 +33,8 @@ using namespace std::chrono_literals;
 // The host-namespace prefix of every command, spelled out so that a changed prefix fails.
 inline const std::string ns = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/1/ns/net ";
 
+using texts = std::vector<std::string>;
+
 // Replaces the process-wide command runner while its guard lives. Every command is recorded with
 // its kind and input; the latest rule whose needle the command contains answers it (exit 0 and
 // no output when none does).
@@ -47,15 +50,11 @@ class fake_runner : public sysrepo_common::command_runner {
     };
     using rule = std::function<reply(const call&)>;
 
-    class guard {
-      public:
-        guard() : previous_(sysrepo_common::set_command_runner(runner_)) {}
-        ~guard() { sysrepo_common::set_command_runner(previous_); }
-        fake_runner* operator->() const { return runner_.get(); }
-
-      private:
-        std::shared_ptr<fake_runner> runner_ = std::make_shared<fake_runner>();
-        std::shared_ptr<sysrepo_common::command_runner> previous_;
+    struct guard {
+        std::shared_ptr<fake_runner> runner = std::make_shared<fake_runner>();
+        std::shared_ptr<command_runner> previous = sysrepo_common::set_command_runner(runner);
+        ~guard() { sysrepo_common::set_command_runner(previous); }
+        fake_runner* operator->() const { return runner.get(); }
     };
 
     void on(std::string needle, reply r) {
@@ -69,8 +68,8 @@ class fake_runner : public sysrepo_common::command_runner {
         std::lock_guard lock(mutex_);
         return calls_;
     }
-    std::vector<std::string> commands() const {
-        std::vector<std::string> out;
+    texts commands() const {
+        texts out;
         for (const auto& c : calls()) out.push_back(c.cmd);
         return out;
     }
@@ -98,17 +97,14 @@ class fake_runner : public sysrepo_common::command_runner {
     }
 
   private:
-    reply answer(call c) {
-        rule f;
-        {
-            std::lock_guard lock(mutex_);
-            calls_.push_back(c);
-            for (const auto& [needle, r] : rules_)
-                if (c.cmd.find(needle) != std::string::npos) {
-                    f = r;
-                    break;
-                }
-        }
+    reply answer(const call& c) {
+        std::unique_lock lock(mutex_);
+        calls_.push_back(c);
+        auto it = std::find_if(rules_.begin(), rules_.end(), [&](const auto& r) {
+            return c.cmd.find(r.first) != std::string::npos;
+        });
+        const rule f = it != rules_.end() ? it->second : rule();
+        lock.unlock();
         return f ? f(c) : reply{};
     }
 
@@ -117,26 +113,21 @@ class fake_runner : public sysrepo_common::command_runner {
     std::vector<std::pair<std::string, rule>> rules_;
 };
 
-// Collects every log record written while it lives.
+// Collects the log records written while it lives.
 class log_capture {
   public:
-    struct record {
-        int severity;
-        std::string channel, message;
-    };
-
     log_capture() {
         msg_log_slg::construct_logger();
         boost::log::core::get()->add_sink(sink_);
     }
     ~log_capture() { boost::log::core::get()->remove_sink(sink_); }
 
-    // Records whose message contains `needle`.
-    std::vector<record> find(const std::string& needle) const {
+    // "<severity> <channel>" of each record whose message contains `needle`.
+    texts find(const std::string& needle) const {
         std::lock_guard lock(backend_->mutex);
-        std::vector<record> out;
-        for (const auto& r : backend_->records)
-            if (r.message.find(needle) != std::string::npos) out.push_back(r);
+        texts out;
+        for (const auto& [message, where] : backend_->records)
+            if (message.find(needle) != std::string::npos) out.push_back(where);
         return out;
     }
 
@@ -144,14 +135,15 @@ class log_capture {
     struct backend
         : boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
         void consume(const boost::log::record_view& rec) {
-            std::lock_guard lock(mutex);
             using boost::log::extract_or_default;
-            records.push_back({extract_or_default<int>("Severity", rec, -1),
-                               extract_or_default<std::string>("Channel", rec, std::string()),
-                               extract_or_default<std::string>("Message", rec, std::string())});
+            std::lock_guard lock(mutex);
+            records.emplace_back(
+                extract_or_default<std::string>("Message", rec, std::string()),
+                std::to_string(extract_or_default<int>("Severity", rec, -1)) + " " +
+                    extract_or_default<std::string>("Channel", rec, std::string()));
         }
-        mutable std::mutex mutex;
-        std::vector<record> records;
+        std::mutex mutex;
+        std::vector<std::pair<std::string, std::string>> records;
     };
     boost::shared_ptr<backend> backend_ = boost::make_shared<backend>();
     boost::shared_ptr<boost::log::sinks::synchronous_sink<backend>> sink_ =

@@ -1,6 +1,4 @@
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "handler_fixture.hpp"
 
@@ -20,86 +18,76 @@ class Interfaces : public handler_test {
     static std::string addresses(const std::string& list) {
         return R"({"forwarding":true,"address":[)" + list + "]}";
     }
+    std::string set(const char* name, const std::string& request) {
+        return error_of([&] { handler->set_ifconf(name, parse(request)); });
+    }
 };
 
 TEST_F(Interfaces, RefusedRequestsChangeNothing) {
     running_is(running_doc());
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {R"({"netmask":"255.255.255.0"})", "Request is missing ipAddress."},
-        {R"({"ipAddress":"10.0.0.1"})", "Request is missing netmask."},
-        {R"({"ipAddress":"10.0.0.256","netmask":"255.255.255.0"})",
-         "Invalid IP address: 10.0.0.256"},
-        {R"({"ipAddress":"10.0.0.1","netmask":"255.255.255.x"})", "Invalid netmask: 255.255.255.x"},
-        {R"({"ipAddress":"10.0.0.1","netmask":"255..255.0"})", "Invalid parameter <netmask>"},
-        {R"({"ipAddress":"10.0.0.1","netmask":"255.0.255.0"})",
-         "Invalid parameter <netmask>, '255.0.255.0' is not a valid netmask format."},
-        {R"([1])", "Request is missing ipAddress."},
+    const std::string ip = R"("ipAddress":"10.0.0.1")", mask = R"("netmask":"255.255.255.0")";
+    struct row {
+        const char* name;
+        std::string request, error;
     };
-    log_capture logs;
-    for (const auto& [request, message] : cases) {
-        EXPECT_EQ(error_of([&] { handler->set_ifconf("e5", parse(request)); }), "-22 " + message);
-        const auto logged = logs.find(message);
-        ASSERT_FALSE(logged.empty()) << message;
-        EXPECT_EQ(logged.back().severity, 3);
-        EXPECT_EQ(logged.back().channel, "set_ifconf");
-    }
-
-    // On e28 the nested part, the gateway and the same-address check are all validated before
-    // anything is written: the first part alone would have been accepted.
-    const std::vector<std::pair<std::string, std::string>> e28_cases = {
-        {R"({"ipAddress":"10.0.0.1","netmask":"255.255.255.0","interface":{"ipAddress":"x",)"
-         R"("netmask":"255.255.255.0"}})",
+    const row rows[] = {
+        {"e5", "{" + mask + "}", "Request is missing ipAddress."},
+        {"e5", "[1]", "Request is missing ipAddress."},
+        {"e5", "{" + ip + "}", "Request is missing netmask."},
+        {"e5", R"({"ipAddress":"10.0.0.256",)" + mask + "}", "Invalid IP address: 10.0.0.256"},
+        {"e5", "{" + ip + R"(,"netmask":"255.255.255.x"})", "Invalid netmask: 255.255.255.x"},
+        {"e5", "{" + ip + R"(,"netmask":"255..255.0"})", "Invalid parameter <netmask>"},
+        {"e5", "{" + ip + R"(,"netmask":"255.0.255.0"})",
+         "Invalid parameter <netmask>, '255.0.255.0' is not a valid netmask format."},
+        // On e28 the nested part, the gateway and the same-address check are all validated
+        // before anything is written: the first part alone would have been accepted.
+        {"e28", "{" + ip + "," + mask + R"(,"interface":{"ipAddress":"x",)" + mask + "}}",
          "Invalid IP address: x"},
-        {R"({"ipAddress":"10.0.0.1","netmask":"255.255.255.0","gateway":"router"})",
+        {"e28", "{" + ip + "," + mask + R"(,"gateway":"router"})",
          "Invalid gateway address: router"},
-        {R"({"ipAddress":"10.0.0.1","netmask":"255.255.255.0","interface":{)"
-         R"("ipAddress":"10.0.0.1","netmask":"255.255.0.0"}})",
+        {"e28", "{" + ip + "," + mask + R"(,"interface":{)" + ip + R"(,"netmask":"255.255.0.0"}})",
          "Same IP address as on mgmt interface: 10.0.0.1"},
         // Clearing the management address while e28 has none.
-        {R"({"ipAddress":"0.0.0.0","netmask":"0.0.0.0"})",
+        {"e28", R"({"ipAddress":"0.0.0.0","netmask":"0.0.0.0"})",
          "Same IP address as on if-0/28 interface: "},
     };
-    for (const auto& [request, message] : e28_cases)
-        EXPECT_EQ(error_of([&] { handler->set_ifconf("e28", parse(request)); }), "-22 " + message);
-
-    EXPECT_TRUE(imports("running").empty());
-    EXPECT_TRUE(imports("startup").empty());
+    log_capture logs;
+    for (const auto& r : rows) EXPECT_EQ(set(r.name, r.request), "-22 " + r.error) << r.request;
+    EXPECT_EQ(logs.find("Invalid netmask: 255.255.255.x"), texts{"3 set_ifconf"});
+    EXPECT_EQ(fake->count("--import"), 0u);
     EXPECT_EQ(fake->count("nft"), 0u);
 }
 
 TEST_F(Interfaces, SettingsOfAnInternalPortAreWrittenAndLogged) {
     running_is(running_doc());
     log_capture logs;
-    handler->set_ifconf("e5", parse(R"({"ipAddress":"10.1.0.5","netmask":"255.255.0.0"})"));
+    set("e5", R"({"ipAddress":"10.1.0.5","netmask":"255.255.0.0"})");
     EXPECT_EQ(ipv4_of(last_import(), "e5"), addresses(R"({"ip":"10.1.0.5","prefix-length":16})"));
     EXPECT_EQ(imports("startup").size(), 1u);
-
-    handler->set_ifconf("e5", parse(R"({"ipAddress":"0.0.0.0","netmask":"255.255.255.0"})"));
+    set("e5", R"({"ipAddress":"0.0.0.0","netmask":"255.255.255.0"})");
     EXPECT_EQ(ipv4_of(last_import(), "e5"), "none");
     EXPECT_EQ(logs.find(R"(Clear interface e5; ip: "", prefix: 24)").size(), 1u);
     EXPECT_EQ(logs.find(R"(Config interface e5; ip: "10.1.0.5", prefix: 16)").size(), 1u);
-
-    handler->set_ifconf("e5", parse(R"({"ipAddress":"10.1.0.5","netmask":"0.0.0.0"})"));
+    set("e5", R"({"ipAddress":"10.1.0.5","netmask":"0.0.0.0"})");
     EXPECT_EQ(ipv4_of(last_import(), "e5"), addresses(R"({"ip":"10.1.0.5","prefix-length":0})"));
 }
 
 TEST_F(Interfaces, UpdateKeepsTheManagementAddressFirstOnE28) {
     Document doc = running_doc();
-    const std::string e28_own = R"({"ip":"10.0.28.1","prefix-length":30})";
+    const std::string own = R"({"ip":"10.0.28.1","prefix-length":30})";
+    const std::string mgmt = R"({"ip":"192.0.2.11","prefix-length":25})";
     // A new management address replaces the old one on both, and e28 keeps its own.
     handler->update_ifconf(doc, "mgmt", "192.0.2.11", 25, true);
-    const std::string mgmt = R"({"ip":"192.0.2.11","prefix-length":25})";
     EXPECT_EQ(ipv4_of(doc, "mgmt"), addresses(mgmt));
-    EXPECT_EQ(ipv4_of(doc, "e28"), addresses(mgmt + "," + e28_own));
+    EXPECT_EQ(ipv4_of(doc, "e28"), addresses(mgmt + "," + own));
     handler->update_ifconf(doc, "e28", "10.0.28.5", 24, true);
     EXPECT_EQ(ipv4_of(doc, "e28"), addresses(mgmt + R"(,{"ip":"10.0.28.5","prefix-length":24})"));
     handler->update_ifconf(doc, "e28", "", 0, true);
     EXPECT_EQ(ipv4_of(doc, "e28"), addresses(mgmt));
     handler->update_ifconf(doc, "mgmt", "", 0, true);
-    EXPECT_EQ(ipv4_of(doc, "mgmt"), "none");
-    EXPECT_EQ(ipv4_of(doc, "e28"), "none");
+    EXPECT_EQ(ipv4_of(doc, "mgmt") + ipv4_of(doc, "e28"), "nonenone");
     handler->update_ifconf(doc, "e28", "10.0.28.1", 30, true);
-    EXPECT_EQ(ipv4_of(doc, "e28"), addresses(e28_own));
+    EXPECT_EQ(ipv4_of(doc, "e28"), addresses(own));
 
     // Element 0 of any other interface is replaced, further addresses stay.
     doc = parse(R"({"ietf-interfaces:interfaces":{"interface":[{"name":"e3","ietf-ip:ipv4":)"
@@ -114,30 +102,26 @@ TEST_F(Interfaces, UpdateKeepsTheManagementAddressFirstOnE28) {
 
 TEST_F(Interfaces, ReadersOfConfiguredAndOperationalAddresses) {
     const Document doc = running_doc();
-    EXPECT_EQ(to_json(handler->get_ifconf(doc, "e28")),
-              R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.0",)"
-              R"("interface":{"ipAddress":"10.0.28.1","netmask":"255.255.255.252"}})");
-    EXPECT_EQ(to_json(handler->get_ifconf(doc, "e2")),
-              R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.255"})");
-    EXPECT_EQ(to_json(handler->get_ifconf(doc, "e27")),
-              R"({"ipAddress":"0.0.0.0","netmask":"0.0.0.0"})");
-    EXPECT_EQ(error_of([&] { handler->get_ifconf(doc, "e99"); }),
-              "-22 Invalid interface name: e99");
+    const auto get = [&](const char* name) { return to_json(handler->get_ifconf(doc, name)); };
+    EXPECT_EQ(get("e28"), R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.0",)"
+                          R"("interface":{"ipAddress":"10.0.28.1","netmask":"255.255.255.252"}})");
+    EXPECT_EQ(get("e2"), R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.255"})");
+    EXPECT_EQ(get("e27"), R"({"ipAddress":"0.0.0.0","netmask":"0.0.0.0"})");
+    EXPECT_EQ(error_of([&] { get("e99"); }), "-22 Invalid interface name: e99");
 
     // Reading e28 made both addresses known: the operational e28 holds both, each name answers
     // its own, and the same-address check now sees e28's.
     fake->on("-d o -m 'ietf-interfaces'", fake_runner::reply{0, data_file("operational.json")});
-    EXPECT_EQ(to_json(handler->get_ifconf_oper_ipv4("mgmt")),
+    const auto oper = [&](const char* name) {
+        return to_json(handler->get_ifconf_oper_ipv4(name));
+    };
+    EXPECT_EQ(oper("mgmt"),
               R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.0","prefix-length":24})");
-    EXPECT_EQ(to_json(handler->get_ifconf_oper_ipv4("e28")),
+    EXPECT_EQ(oper("e28"),
               R"({"ipAddress":"10.0.28.1","netmask":"255.255.255.252","prefix-length":30})");
-    EXPECT_EQ(to_json(handler->get_ifconf_oper_ipv4("e1")),
-              R"({"ipAddress":"0.0.0.0","netmask":"0.0.0.0","prefix-length":0})");
+    EXPECT_EQ(oper("e1"), R"({"ipAddress":"0.0.0.0","netmask":"0.0.0.0","prefix-length":0})");
     running_is(running_doc());
-    EXPECT_EQ(error_of([&] {
-                  handler->set_ifconf("e28",
-                                      parse(R"({"ipAddress":"10.0.28.1","netmask":"255.0.0.0"})"));
-              }),
+    EXPECT_EQ(set("e28", R"({"ipAddress":"10.0.28.1","netmask":"255.0.0.0"})"),
               "-22 Same IP address as on if-0/28 interface: 10.0.28.1");
 }
 
@@ -151,7 +135,6 @@ TEST_F(Interfaces, EnableSwitch) {
     EXPECT_EQ(handler->get_ifconf_enabled(
                   parse(R"({"ietf-interfaces:interfaces":{"interface":[{"name":"e1"}]}})"), "e1"),
               "up");
-
     EXPECT_EQ(error_of([&] { handler->set_ifconf_enabled("e99", std::nullopt, "up"); }),
               "-22 Invalid interface name: e99");
     EXPECT_EQ(error_of([&] { handler->set_ifconf_enabled("e1", 9, "up"); }),
@@ -161,29 +144,23 @@ TEST_F(Interfaces, EnableSwitch) {
     EXPECT_EQ(imports().size(), 2u);
 }
 
-TEST_F(Interfaces, ModesFollowBridgeAndTunnelSubInterface) {
-    const Document doc = running_doc();
-    EXPECT_EQ(handler->_get_interface_mode_str(doc, "e1"), "tunnelOnly");
-    EXPECT_EQ(handler->_get_interface_mode_str(doc, "e11"), "mgmtOnly");
-    EXPECT_EQ(handler->_get_interface_mode_str(doc, "e12"), "mgmtAndTunnel");
+TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
+    Document doc = running_doc();
+    const auto mode = [&](const char* name) { return handler->_get_interface_mode_str(doc, name); };
     log_capture logs;
-    EXPECT_EQ(handler->_get_interface_mode_str(doc, "e4"), "unknown");
+    EXPECT_EQ(mode("e1") + " " + mode("e11") + " " + mode("e12") + " " + mode("e4"),
+              "tunnelOnly mgmtOnly mgmtAndTunnel unknown");
     EXPECT_EQ(logs.find("Unknown interface mode for e4: br0=false, fw=true, fw_vlan=true, "
-                        "ospf_tunnel_mode=tunnel")
-                  .size(),
-              1u);
-    EXPECT_EQ(error_of([&] { handler->_get_interface_mode_str(doc, "e13"); }),
-              "-22 Invalid interface name: e13");
-}
+                        "ospf_tunnel_mode=tunnel"),
+              texts{"4 interface_mode"});
+    EXPECT_EQ(error_of([&] { mode("e13"); }), "-22 Invalid interface name: e13");
 
-TEST_F(Interfaces, ModeIsWrittenToStartupOnlyAndMovesOspf) {
-    startup_is(running_doc());
+    startup_is(doc);
     handler->set_interface_mode("e12", "tunnelOnly");
-    EXPECT_TRUE(imports("running").empty());
     EXPECT_EQ(fake->count("-d running"), 0u);
     ASSERT_EQ(imports("startup").size(), 1u);
-    const Document doc = last_import("startup");
-    EXPECT_EQ(handler->_get_interface_mode_str(doc, "e12"), "tunnelOnly");
+    doc = last_import("startup");
+    EXPECT_EQ(mode("e12"), "tunnelOnly");
     EXPECT_FALSE(iface(doc, "e12")->HasMember("infix-interfaces:bridge-port"));
     EXPECT_EQ(ipv4_of(doc, "e12"), R"({"forwarding":true})");
     EXPECT_EQ(ipv4_of(doc, "e12.8"),
@@ -194,7 +171,8 @@ TEST_F(Interfaces, ModeIsWrittenToStartupOnlyAndMovesOspf) {
 
     startup_is(doc);
     handler->set_interface_mode("e12", "mgmtOnly");
-    EXPECT_EQ(handler->_get_interface_mode_str(last_import("startup"), "e12"), "mgmtOnly");
+    doc = last_import("startup");
+    EXPECT_EQ(mode("e12"), "mgmtOnly");
     EXPECT_EQ(error_of([&] { handler->set_interface_mode("e13", "mgmtOnly"); }),
               "-22 Invalid interface name: e13");
     EXPECT_EQ(error_of([&] { handler->set_interface_mode("e1", "both"); }),

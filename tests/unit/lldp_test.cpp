@@ -58,7 +58,7 @@ TEST_F(Lldp, SwitchingOnFetchesAtOnceAndSwitchingOffEmpties) {
     ASSERT_TRUE(
         reads_soon("data/e2/lldp/neighbours",
                    R"([{"chassis":{"sw-a":{}},"port":{"descr":"p1"}},{"chassis":{"sw-c":{}}}])"));
-    EXPECT_EQ(fake->commands(), std::vector<std::string>{ns + " /sbin/lldpctl -f json"});
+    EXPECT_EQ(fake->commands(), texts{ns + " /sbin/lldpctl -f json"});
     // Ports that are off stay empty, while the device-wide value lists every port.
     EXPECT_EQ(read_node(db, "data/e1/lldp/neighbours"), "[]");
     EXPECT_TRUE(

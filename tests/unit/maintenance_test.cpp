@@ -27,7 +27,7 @@ struct backstop_runner {
 // The backstop base is built first; the test's own fake hands back to it.
 class Maintenance : backstop_runner, public handler_test {};
 
-std::vector<std::string> operator+(std::vector<std::string> a, const std::vector<std::string>& b) {
+texts operator+(texts a, const texts& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
 }
@@ -61,19 +61,18 @@ TEST_F(Maintenance, FactoryDefaultSequencesPerLevel) {
     ASSERT_TRUE(eventually(
         [&] { return logs.find("Restore factory default is done.").size() == runs.size(); }, 15s));
     // A failing command is logged and the sequence goes on.
-    EXPECT_EQ(logs.find("Unable to run command: /bin/sync").size(), 4u);
-    EXPECT_EQ(logs.find("Unable to run command: /bin/sync")[0].severity, 3);
+    EXPECT_EQ(logs.find("Unable to run command: /bin/sync"), texts(4, "3 run_system_command"));
 
     std::lock_guard lock(mutex);
-    std::map<std::thread::id, std::vector<std::string>> by_thread;
-    std::vector<std::vector<std::string>> threads;
+    std::map<std::thread::id, texts> by_thread;
+    std::vector<texts> threads;
     for (const auto& [id, cmd] : seen) by_thread[id].push_back(cmd);
     for (const auto& [id, cmds] : by_thread)
         if (id != std::this_thread::get_id()) threads.push_back(cmds);
     const std::string export_cmd = ns + " /bin/sysrepocfg --export -f json -d f ";
     const std::string import_cmd = ns + "sysrepocfg --import -f json -d startup -t 30";
-    const std::vector<std::string> restore_startup = {export_cmd, import_cmd};
-    const std::vector<std::string> keep = {
+    const texts restore_startup = {export_cmd, import_cmd};
+    const texts keep = {
         "redis-cli -p 50003 SHUTDOWN 2>/dev/null",
         "redis-server /etc/redis/50001.conf --port 50003 --cluster-enabled no --dir "
         "/var/persistent/etc/sw_storage/redis --appendfilename keep.aof &",
@@ -87,17 +86,17 @@ TEST_F(Maintenance, FactoryDefaultSequencesPerLevel) {
                 ElementsAreArray(restore_startup + keep + restore_startup + restore_startup +
                                  restore_startup));
 
-    const std::vector<std::string> wipe = {"/etc/init.d/redis-server stop 2>/dev/null",
-                                           "killall -9 redis-server 2>/dev/null",
-                                           "/etc/init.d/confd-data-provider-init stop 2>/dev/null",
-                                           "/etc/init.d/confd-init stop 2>/dev/null",
-                                           "rm -rf /var/persistent/etc/* 2>/dev/null",
-                                           "rm -rf /home/* 2>/dev/null",
-                                           "rm -rf /var/log/* 2>/dev/null"};
-    const std::vector<std::string> restore_keys = {
+    const texts wipe = {"/etc/init.d/redis-server stop 2>/dev/null",
+                        "killall -9 redis-server 2>/dev/null",
+                        "/etc/init.d/confd-data-provider-init stop 2>/dev/null",
+                        "/etc/init.d/confd-init stop 2>/dev/null",
+                        "rm -rf /var/persistent/etc/* 2>/dev/null",
+                        "rm -rf /home/* 2>/dev/null",
+                        "rm -rf /var/log/* 2>/dev/null"};
+    const texts restore_keys = {
         "mkdir -p /var/persistent/etc/sw_storage/redis/ 2>/dev/null",
         "cp -f /tmp/keep.aof /var/persistent/etc/sw_storage/redis/50001.aof"};
-    const std::vector<std::string> sync = {"/bin/sync"}, reboot = {ns + "/sbin/reboot"};
+    const texts sync = {"/bin/sync"}, reboot = {ns + "/sbin/reboot"};
     // Threads may run interleaved: compare as a set of sequences.
     EXPECT_THAT(threads, ::testing::UnorderedElementsAre(
                              ElementsAre(ns + "/sbin/factory -r -y"),
@@ -132,22 +131,21 @@ TEST_F(Maintenance, RebootRunsLaterOnItsOwnThreadAndLogsFailure) {
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 500ms);
     ASSERT_EQ(fake->calls().size(), 1u);
     EXPECT_EQ(fake->calls()[0].kind, fake_runner::call::capture);
-    EXPECT_EQ(logs.find("Rebooting the device in 500ms.").at(0).severity, 3);
+    EXPECT_EQ(logs.find("Rebooting the device in 500ms."), texts{"3 run_reboot_command"});
 }
 
 TEST_F(Maintenance, TechlogRefusesBadDocumentsBeforeRunning) {
+    const auto refusal = [&](const char* json) {
+        return error_of([&] { handler->techlog_generate(parse(json)); });
+    };
     for (const char* json : {R"({"url":"u"})", R"({"interface":"e1"})", R"([1])"})
-        EXPECT_EQ(error_of([&] { handler->techlog_generate(parse(json)); }),
-                  "-22 Techlog parameters not present.")
-            << json;
+        EXPECT_EQ(refusal(json), "-22 Techlog parameters not present.") << json;
     for (const char* json :
          {R"j({"url":5,"interface":"e1"})j", R"j({"url":"u","interface":["e1"]})j",
           R"j({"url":"u;touch /tmp/x","interface":"e1"})j", R"j({"url":"u","interface":"e1 x"})j",
           R"j({"url":"u$(id)","interface":"e1"})j", R"j({"url":"u","interface":"e1&"})j",
           R"j({"url":"u","interface":"e1\n"})j", R"j({"url":"'u'","interface":"e1"})j"})
-        EXPECT_EQ(error_of([&] { handler->techlog_generate(parse(json)); }),
-                  "-22 Techlog parameters not valid.")
-            << json;
+        EXPECT_EQ(refusal(json), "-22 Techlog parameters not valid.") << json;
     EXPECT_TRUE(fake->calls().empty());
 }
 
@@ -182,10 +180,8 @@ TEST_F(Maintenance, ScriptOutcomesAndErrorFile) {
     outcome = 2;
     EXPECT_EQ(error_of(run), "-14 Failed to execute the upgrade script: first line\nsecond line\n");
     EXPECT_FALSE(fs::exists(error_file));
-    const auto detail = logs.find("MSG_PERSISTENT - Return code: 256 msg: first line\nsecond");
-    ASSERT_EQ(detail.size(), 1u);
-    EXPECT_EQ(detail[0].channel, "techlog");
-    EXPECT_EQ(detail[0].severity, 6);
+    EXPECT_EQ(logs.find("MSG_PERSISTENT - Return code: 256 msg: first line\nsecond"),
+              texts{"6 techlog"});
     EXPECT_EQ(logs.find("MSG_PERSISTENT - Failed to execute script: ").size(), 2u);
     fs::remove_all(dir);
 }

@@ -32,10 +32,9 @@ TEST_F(MgmtFirewall, RefillsTheSetAndSavesItsListing) {
     fake->on("list set inet filter mgmt_ip_addresses",
              fake_runner::reply{0, "table inet filter { set mgmt_ip_addresses { } }\n"});
     apply_mgmt_nft("10.0.0.5", mgmt_ports::mgmt, (dir / "nftables").string() + "/");
-    EXPECT_EQ(fake->commands(),
-              (std::vector<std::string>{nft("flush set inet filter mgmt_ip_addresses;add element "
-                                            "inet filter mgmt_ip_addresses {10.0.0.5} "),
-                                        nft("list set inet filter mgmt_ip_addresses;")}));
+    EXPECT_EQ(fake->commands(), (texts{nft("flush set inet filter mgmt_ip_addresses;add element "
+                                           "inet filter mgmt_ip_addresses {10.0.0.5} "),
+                                       nft("list set inet filter mgmt_ip_addresses;")}));
     EXPECT_EQ(read("nftables/ruleset-mgmt-ip.nft"),
               "table inet filter { set mgmt_ip_addresses { } }\n");
 

@@ -80,7 +80,7 @@ class Images : public handler_test {
 
 TEST_F(Images, InstallIsVerifiedAndPassesEveryStatusText) {
     answer_status(rauc_text("primary", 3, 3), rauc_text("primary", 4, 4));
-    std::vector<std::string> seen;
+    texts seen;
     fake->on("rauc install", [&](const fake_runner::call&) {
         seen.push_back(handler->get_install_status());
         return fake_runner::reply{0, "installing\n"};  // lacks the success lines: warning only
@@ -93,10 +93,9 @@ TEST_F(Images, InstallIsVerifiedAndPassesEveryStatusText) {
     EXPECT_EQ(handler->get_install_status(),
               "Succsessfully verified the activation of the installation to slot target : "
               "secondary");
-    const auto warning =
-        logs.find("Failed verifing the installation output message to slot target : secondary");
-    ASSERT_EQ(warning.size(), 1u);
-    EXPECT_EQ(warning[0].severity, 4);
+    EXPECT_EQ(
+        logs.find("Failed verifing the installation output message to slot target : secondary"),
+        texts{"4 run_rauc_install_command"});
     EXPECT_EQ(logs.find("Installing pell image from url: http://host/b.raucb?v=2").size(), 1u);
 
     // Brackets pass, and an extra package of another type is ignored.

@@ -55,37 +55,11 @@ TEST(AddressHelpers, NetmasksAndPrefixLengths) {
         EXPECT_FALSE(sc::is_valid_netmask(bad)) << bad;
 }
 
-// Node registration and OSPF walk the tables in order, and the tunnel VLAN must match its name.
-TEST(Tables, InterfaceSetsInOrder) {
-    auto names = [](const auto& table) {
-        std::string out;
-        for (const auto& n : table) out += std::string(n) + " ";
-        return out;
-    };
-    auto range = [](int first, int last) {
-        std::string out;
-        for (int i = first; i <= last; ++i) out += "e" + std::to_string(i) + " ";
-        return out;
-    };
-    EXPECT_EQ(names(sc::RDM_INTERFACES) + names(sc::SFP_INTERFACES) + names(sc::QMX2_INTERFACES) +
-                  names(sc::EXT_INTERFACES) + names(sc::OSPF_UPLINK_INTERFACES),
-              range(1, 28));
-    EXPECT_EQ(names(sc::RDM_INTERFACES), range(1, 12));
-    EXPECT_EQ(names(sc::EXT_INTERFACES), range(21, 26));
-    EXPECT_EQ(names(sc::OSPF_INTERFACES), range(1, 28));
-    EXPECT_EQ(names(sc::IETH_INTERFACES), range(1, 28));
-    EXPECT_EQ(sc::IETH_INTERFACES.back(), sc::MGMT_INTERFACE);
-
-    std::string tunnels, expected;
-    for (const auto& t : sc::TUN_INTERFACES) {
-        tunnels += std::string(t.name) + " ";
+// Registration passes each tunnel sub-interface's VLAN beside its name: the two must agree.
+TEST(Tables, TunnelVlanMatchesItsName) {
+    for (const auto& t : sc::TUN_INTERFACES)
         EXPECT_EQ(std::to_string(t.vlan), t.name.substr(t.name.find('.') + 1)) << t.name;
-    }
-    for (int port = 1; port <= 16; ++port)
-        for (int vlan : {8, 21, 22, 23, 24})
-            if (vlan == 8 || port >= 13)
-                expected += "e" + std::to_string(port) + "." + std::to_string(vlan) + " ";
-    EXPECT_EQ(tunnels, expected);
+    EXPECT_EQ(sc::IETH_INTERFACES.back(), sc::MGMT_INTERFACE);
 }
 
 TEST(Exec, OutputUnchangedFailuresAsMinusOneAndLoggedWhenAsked) {
@@ -100,11 +74,8 @@ TEST(Exec, OutputUnchangedFailuresAsMinusOneAndLoggedWhenAsked) {
     log_capture logs;
     EXPECT_EQ(error_of([] { sc::exec("echo partial; exit 1", true); }),
               "-1 Failed to call: echo partial; exit 1");
-    const auto logged = logs.find("Failed to call: echo partial; exit 1");
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_EQ(logged[0].severity, 3);
-    EXPECT_EQ(logged[0].channel, "exec");
-    EXPECT_NE(logged[0].message.find("(sysrepo_common.cpp:"), std::string::npos);
+    EXPECT_EQ(logs.find("Failed to call: echo partial; exit 1 (sysrepo_common.cpp:"),
+              texts{"3 exec"});
     EXPECT_EQ(error_of([] { sc::exec("exit 7", false); }), "-1 Failed to call: exit 7");
     EXPECT_TRUE(logs.find("exit 7").empty());
 }
@@ -119,9 +90,7 @@ TEST(Exec, FeedsStandardInputAndReportsRawStatus) {
     log_capture logs;
     EXPECT_EQ(error_of([] { sc::exec("cat >/dev/null; exit 1", std::string_view("x")); }),
               "256 Failed to call: cat >/dev/null; exit 1");
-    const auto logged = logs.find("Failed to call: cat >/dev/null; exit 1");
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_EQ(logged[0].channel, "exec");
+    EXPECT_EQ(logs.find("Failed to call: cat >/dev/null; exit 1"), texts{"3 exec"});
     EXPECT_EQ(error_of([] { sc::exec("cat >/dev/null; exit 3", std::string_view("")); }),
               "768 Failed to call: cat >/dev/null; exit 3");
 }
@@ -143,16 +112,13 @@ TEST(CommandSeam, PipeNotOpenedAndRealRunnerBack) {
     auto previous = sc::set_command_runner(std::make_shared<broken_runner>());
     log_capture logs;
     EXPECT_EQ(error_of([] { sc::exec("some tool", true); }), "-1 Failed to call: some tool");
-    EXPECT_EQ(logs.find("Failed to call: some tool").size(), 1u);
+    EXPECT_EQ(logs.find("Failed to call: some tool"), texts{"3 exec"});
     EXPECT_EQ(error_of([] { sc::exec("quiet tool", false); }), "-1 Failed to call: quiet tool");
     EXPECT_TRUE(logs.find("quiet tool").empty());
     // The input overload spells its message differently on this path only, and always logs.
     EXPECT_EQ(error_of([] { sc::exec("importer", std::string_view("{}")); }),
               "-1 Faild to call: importer");
-    const auto logged = logs.find("Faild to call: importer");
-    ASSERT_EQ(logged.size(), 1u);
-    EXPECT_EQ(logged[0].severity, 3);
-    EXPECT_EQ(logged[0].channel, "exec");
+    EXPECT_EQ(logs.find("Faild to call: importer"), texts{"3 exec"});
 
     // nullptr brings the real runner back.
     sc::set_command_runner(nullptr);

@@ -28,8 +28,7 @@ using SystemServices = handler_test;
 TEST_F(SystemServices, CliCommandRunsInKlishAndDropsTheGreeting) {
     fake->on("klish", fake_runner::reply{0, "Neighbor 10.0.0.2 Full\n" + greeting});
     EXPECT_EQ(handler->run_cli_command("show ospf neighbor"), "Neighbor 10.0.0.2 Full\n");
-    EXPECT_EQ(fake->commands(),
-              std::vector<std::string>{ns + "/usr/bin/klish -c 'show ospf neighbor'"});
+    EXPECT_EQ(fake->commands(), texts{ns + "/usr/bin/klish -c 'show ospf neighbor'"});
 
     log_capture logs;
     fake->clear();
