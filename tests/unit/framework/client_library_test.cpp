@@ -1,136 +1,85 @@
-// The client library against a scripted line server, and dhctl's VALUE rule.
+// The client library against a scripted peer, and dhctl's VALUE rule.
 
-#include <sys/socket.h>
-
-#include <chrono>
-#include <cstdlib>
 #include <exception>
-#include <filesystem>
-#include <functional>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
-#include <gtest/gtest.h>
-#include <boost/asio.hpp>
 
 #include "dh_client.hpp"
+#include "server_test_support.hpp"
 
-namespace asio = boost::asio;
 namespace dc = dh::client;
-using namespace std::chrono_literals;
 
+namespace server_test {
 namespace {
 
-rapidjson::Document json(const std::string& text) {
-    rapidjson::Document d;
-    d.Parse(text.c_str());
-    return d;
-}
-
-// One accepted connection as the scripted server sees it.
-template <typename Protocol>
-struct peer {
-    typename Protocol::socket socket;
-    std::string input;
-
-    rapidjson::Document read() {
-        const std::size_t n = asio::read_until(socket, asio::dynamic_buffer(input), '\n');
-        rapidjson::Document d;
-        d.Parse(input.substr(0, n - 1).c_str());
-        input.erase(0, n);
-        return d;
-    }
-    void send(const std::string& text) { asio::write(socket, asio::buffer(text)); }
-};
-
-// Accepts one connection and runs a script on it in a thread. Failures inside the script are
-// rethrown by finish(); the destructor unblocks a script that waits for a client that went away.
-template <typename Protocol>
+// Accepts one connection on a Unix socket and runs a script on it in a thread; finish() joins
+// and rethrows what the script threw.
 class scripted_server {
   public:
-    explicit scripted_server(typename Protocol::endpoint endpoint) : acceptor_(io_, endpoint) {}
-    ~scripted_server() {
-        ::shutdown(acceptor_.native_handle(), SHUT_RDWR);
-        if (peer_fd_ >= 0) ::shutdown(peer_fd_, SHUT_RDWR);
-        if (thread_.joinable()) thread_.join();
-    }
-
-    typename Protocol::endpoint endpoint() const { return acceptor_.local_endpoint(); }
-
-    void serve(std::function<void(peer<Protocol>&)> script) {
+    explicit scripted_server(std::function<void(line_client&)> script) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+        if (::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+            ::listen(listener_, 1) != 0)
+            throw std::runtime_error("listen " + path);
         thread_ = std::thread([this, script = std::move(script)] {
             try {
-                peer<Protocol> p{acceptor_.accept(), {}};
-                peer_fd_ = p.socket.native_handle();
-                script(p);
+                line_client peer(::accept(listener_, nullptr, nullptr));
+                script(peer);
             } catch (...) {
                 failure_ = std::current_exception();
             }
         });
     }
-
+    ~scripted_server() {
+        ::shutdown(listener_, SHUT_RDWR);
+        if (thread_.joinable()) thread_.join();
+        ::close(listener_);
+        std::filesystem::remove_all(std::filesystem::path(path).parent_path());
+    }
     void finish() {
         thread_.join();
         if (failure_) std::rethrow_exception(failure_);
     }
 
+    const std::string path = make_temp_dir() + "/dh.sock";
+
   private:
-    asio::io_context io_;
-    typename Protocol::acceptor acceptor_;
+    int listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
     std::thread thread_;
-    std::atomic<int> peer_fd_{-1};
     std::exception_ptr failure_;
 };
 
-using local = asio::local::stream_protocol;
-
-class ClientTest : public ::testing::Test {
-  protected:
-    void SetUp() override {
-        char pattern[] = "/tmp/dhclient-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern), nullptr);
-        dir_ = pattern;
-        server_.emplace(local::endpoint(socket_path()));
-    }
-    void TearDown() override {
-        server_.reset();
-        std::filesystem::remove_all(dir_);
-    }
-    std::string socket_path() const { return dir_ + "/dh.sock"; }
-    dc::client connect(dc::options opts = {}) {
-        return dc::client::unix_socket(socket_path(), opts);
-    }
-
-    std::string dir_;
-    std::optional<scripted_server<local>> server_;
-};
-
-std::string response(std::uint64_t id, const std::string& result) {
-    return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + R"(,"result":)" + result + "}\n";
+std::string response(std::uint64_t id, const std::string& body) {
+    return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + "," + body + "}\n";
+}
+std::string result(std::uint64_t id, const std::string& value) {
+    return response(id, R"("result":)" + value);
+}
+std::uint64_t next_id(line_client& peer) {
+    return peer.read_json()["id"].GetUint64();
 }
 
-TEST_F(ClientTest, MatchesResponsesByIdAndQueuesEventsMeanwhile) {
+TEST(client_library, MatchesResponsesByIdAndQueuesEventsMeanwhile) {
     std::vector<rapidjson::Document> requests;
-    server_->serve([&](peer<local>& p) {
-        requests.push_back(p.read());
+    scripted_server server([&](line_client& p) {
+        requests.push_back(p.read_json());
         const auto id = requests.back()["id"].GetUint64();
         // A late answer to some earlier request and an event come before the real answer.
-        p.send(response(id + 1000, R"("stale")"));
-        p.send(R"({"jsonrpc":"2.0","method":"event","params":{"path":"a/b","type":"valueChanged",)"
-               R"("value":{"n":[1,2]},"seq":7,"time":"2026-11-21T10:00:00.123Z"}})"
-               "\n");
-        p.send(response(id, R"({"x":[1,2]})"));
-        requests.push_back(p.read());  // the notification
-        requests.push_back(p.read());
-        p.send(response(requests.back()["id"].GetUint64(), "5"));
+        p.send_raw(
+            result(id + 1000, R"("stale")") +
+            R"({"jsonrpc":"2.0","method":"event","params":{"path":"a/b","type":"valueChanged",)"
+            R"("value":{"n":[1,2]},"seq":7,"time":"2026-11-21T10:00:00.123Z"}})"
+            "\n" +
+            result(id, R"({"x":[1,2]})"));
+        requests.push_back(p.read_json());  // the notification
+        requests.push_back(p.read_json());
+        p.send_raw(result(requests.back()["id"].GetUint64(), "5"));
     });
 
-    auto c = connect();
-    EXPECT_EQ(c.get("a/b"), json(R"({"x":[1,2]})"));
-    c.notify("unsubscribe", json(R"({"path":"a/b"})"));
-    EXPECT_EQ(c.history(3), json("5"));
+    auto c = dc::client::unix_socket(server.path);
+    EXPECT_EQ(c.get("a/b"), parse(R"({"x":[1,2]})"));
+    c.notify("unsubscribe", parse(R"({"path":"a/b"})"));
+    EXPECT_EQ(c.history(3), parse("5"));
 
     auto e = c.next_event(0ms);
     ASSERT_TRUE(e);
@@ -138,116 +87,85 @@ TEST_F(ClientTest, MatchesResponsesByIdAndQueuesEventsMeanwhile) {
     EXPECT_EQ(e->type, "valueChanged");
     EXPECT_EQ(e->seq, 7u);
     EXPECT_EQ(e->time, "2026-11-21T10:00:00.123Z");
-    EXPECT_EQ(e->value, json(R"({"n":[1,2]})"));
-    server_->finish();
+    EXPECT_EQ(e->value, parse(R"({"n":[1,2]})"));
+    server.finish();
 
     ASSERT_EQ(requests.size(), 3u);
-    EXPECT_EQ(requests[0],
-              json(R"({"jsonrpc":"2.0","id":)" + std::to_string(requests[0]["id"].GetUint64()) +
-                   R"(,"method":"get","params":{"path":"a/b"}})"));
-    EXPECT_FALSE(requests[1].HasMember("id"));
-    EXPECT_EQ(requests[1]["method"], "unsubscribe");
-    EXPECT_GT(requests[2]["id"].GetUint64(), requests[0]["id"].GetUint64());
-    EXPECT_EQ(requests[2]["params"], json(R"({"limit":3})"));
+    const auto first = requests[0]["id"].GetUint64();
+    EXPECT_EQ(requests[0], parse(R"({"jsonrpc":"2.0","id":)" + std::to_string(first) +
+                                 R"(,"method":"get","params":{"path":"a/b"}})"));
+    EXPECT_EQ(requests[1],
+              parse(R"({"jsonrpc":"2.0","method":"unsubscribe","params":{"path":"a/b"}})"));
+    EXPECT_GT(requests[2]["id"].GetUint64(), first);
+    EXPECT_EQ(requests[2]["params"], parse(R"({"limit":3})"));
 }
 
-TEST_F(ClientTest, ErrorObjectsBecomeRpcErrors) {
-    server_->serve([](peer<local>& p) {
-        auto id = p.read()["id"].GetUint64();
-        p.send(R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
-               R"(,"error":{"code":-22,"message":"Invalid value type: expected int, got string",)"
-               R"("data":{"expected":"int","actual":"string"}}})"
-               "\n");
-        id = p.read()["id"].GetUint64();
-        p.send(R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
-               R"(,"error":{"code":-32001,"message":"No such node: x"}})"
-               "\n");
-        p.read();
-        p.send(
-            R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request too large"}})"
-            "\n");
-        id = p.read()["id"].GetUint64();
-        p.send(R"({"jsonrpc":"2.0","id":)" + std::to_string(id) +
-               R"(,"error":{"code":"x"}})"
-               "\n");
+TEST(client_library, ErrorObjectsBecomeRpcErrors) {
+    scripted_server server([](line_client& p) {
+        p.send_raw(response(next_id(p), R"("error":{"code":-32001,"message":"No such node: x"})"));
+        p.read_json();
+        p.send_raw(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Too large"}})"
+                   "\n");
+        p.send_raw(response(next_id(p), R"("error":{"code":"x"})"));
     });
 
-    auto c = connect();
-    try {
-        c.set("p", json("\"s\""));
-        FAIL() << "no error";
-    } catch (const dc::rpc_error& e) {
-        EXPECT_EQ(e.code(), -22);
-        EXPECT_EQ(e.message(), "Invalid value type: expected int, got string");
-        EXPECT_EQ(e.data(), json(R"({"expected":"int","actual":"string"})"));
-        EXPECT_STREQ(e.what(), "error -22: Invalid value type: expected int, got string");
-    }
+    auto c = dc::client::unix_socket(server.path, {.timeout = 5s});
     try {
         c.info("x");
         FAIL() << "no error";
     } catch (const dc::rpc_error& e) {
-        EXPECT_EQ(e.code(), -32001);
+        EXPECT_STREQ(e.what(), "error -32001: No such node: x");
         EXPECT_FALSE(e.has_data());
     }
+    // An error without id answers the request it interrupted.
     try {
-        c.run("big", json("null"));
+        c.run("big", parse("null"));
         FAIL() << "no error";
     } catch (const dc::rpc_error& e) {
         EXPECT_EQ(e.code(), -32600);
     }
-    EXPECT_THROW(c.get("y"), dc::connection_error);
-    server_->finish();
+    EXPECT_THROW(c.get("y"), dc::connection_error);  // not an error object
+    server.finish();
 }
 
-TEST_F(ClientTest, ReadsLongLinesArrivingInPieces) {
+TEST(client_library, ReadsLongLinesInPiecesUpToItsLimit) {
     const std::string big(3u << 20, 'v');
-    server_->serve([&](peer<local>& p) {
-        const auto id = p.read()["id"].GetUint64();
-        std::string text = response(id, '"' + big + '"');
+    scripted_server server([&](line_client& p) {
         // The answer and an event share the last write.
-        text += R"({"jsonrpc":"2.0","method":"event","params":{"path":"p","value":true}})"
-                "\n";
-        for (std::size_t at = 0; at < text.size(); at += 100000) p.send(text.substr(at, 100000));
+        std::string text =
+            result(next_id(p), '"' + big + '"') +
+            R"({"jsonrpc":"2.0","method":"event","params":{"path":"p","value":true}})"
+            "\n";
+        for (std::size_t at = 0; at < text.size(); at += 100000)
+            p.send_raw(text.substr(at, 100000));
     });
 
-    auto c = connect();
-    auto value = c.get("p");
-    ASSERT_TRUE(value.IsString());
-    EXPECT_EQ(value.GetStringLength(), big.size());
+    auto c = dc::client::unix_socket(server.path, {.timeout = 5s, .max_line_size = 4u << 20});
+    EXPECT_EQ(c.get("p").GetStringLength(), big.size());
     auto e = c.next_event(1s);
     ASSERT_TRUE(e);
-    EXPECT_EQ(e->value, json("true"));
-    server_->finish();
+    EXPECT_EQ(e->value, parse("true"));
+    server.finish();
+
+    scripted_server small(
+        [](line_client& p) { p.send_raw(result(next_id(p), '"' + std::string(5000, 'v') + '"')); });
+    auto d = dc::client::unix_socket(small.path, {.timeout = 5s, .max_line_size = 4096});
+    EXPECT_THROW(d.get("p"), dc::connection_error);
+    small.finish();
 }
 
-TEST_F(ClientTest, RefusesLinesBeyondItsLimit) {
-    server_->serve([](peer<local>& p) {
-        const auto id = p.read()["id"].GetUint64();
-        p.send(response(id, '"' + std::string(5000, 'v') + '"'));
-    });
-    dc::options opts;
-    opts.max_line_size = 4096;
-    auto c = connect(opts);
-    EXPECT_THROW(c.get("p"), dc::connection_error);
-    server_->finish();
-}
-
-TEST_F(ClientTest, TimedOutCallLeavesConnectionUsable) {
-    server_->serve([](peer<local>& p) {
-        const auto first = p.read()["id"].GetUint64();
-        const auto second = p.read()["id"].GetUint64();
-        p.send(response(first, R"("late")"));
-        p.send(response(second, R"("second")"));
+TEST(client_library, TimedOutCallLeavesConnectionUsable) {
+    scripted_server server([](line_client& p) {
+        const auto first = next_id(p);
+        const auto second = next_id(p);
+        p.send_raw(result(first, R"("late")") + result(second, R"("second")"));
         // Closing now: the next call fails as a broken connection, not as a timeout.
     });
 
-    dc::options opts;
-    opts.timeout = 100ms;
-    auto c = connect(opts);
+    auto c = dc::client::unix_socket(server.path, {.timeout = 100ms});
     EXPECT_THROW(c.get("slow"), dc::timeout_error);
-    EXPECT_FALSE(c.next_event(20ms));
     c.set_timeout(5s);
-    EXPECT_EQ(c.get("fast"), json(R"("second")"));
+    EXPECT_EQ(c.get("fast"), parse(R"("second")"));
     try {
         c.get("gone");
         FAIL() << "no error";
@@ -256,47 +174,28 @@ TEST_F(ClientTest, TimedOutCallLeavesConnectionUsable) {
     } catch (const dc::connection_error& e) {
         EXPECT_NE(std::string(e.what()).find("closed"), std::string::npos) << e.what();
     }
-    server_->finish();
-}
+    server.finish();
 
-TEST_F(ClientTest, ConnectFailureNamesTheSocket) {
-    const std::string missing = dir_ + "/missing.sock";
+    const std::string missing = make_temp_dir() + "/missing.sock";
     try {
         dc::client::unix_socket(missing);
         FAIL() << "connected";
     } catch (const dc::connection_error& e) {
         EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
     }
+    std::filesystem::remove_all(std::filesystem::path(missing).parent_path());
 }
 
-TEST(ClientTcpTest, ConnectsOverTcp) {
-    using tcp = asio::ip::tcp;
-    scripted_server<tcp> server(tcp::endpoint(asio::ip::make_address("127.0.0.1"), 0));
-    server.serve([](peer<tcp>& p) {
-        const auto id = p.read()["id"].GetUint64();
-        p.send(response(id, "[]"));
-    });
-    auto c = dc::client::tcp("127.0.0.1", std::to_string(server.endpoint().port()));
-    EXPECT_EQ(c.address(), "127.0.0.1:" + std::to_string(server.endpoint().port()));
-    EXPECT_EQ(c.list(), json("[]"));
-    server.finish();
-}
-
-TEST(CliValueTest, JsonWhenItParsesOtherwiseString) {
-    EXPECT_EQ(dc::parse_cli_value("5"), json("5"));
-    EXPECT_EQ(dc::parse_cli_value("-2.5"), json("-2.5"));
-    EXPECT_EQ(dc::parse_cli_value("true"), json("true"));
-    EXPECT_EQ(dc::parse_cli_value("null"), json("null"));
-    EXPECT_EQ(dc::parse_cli_value(R"({"a":1})"), json(R"({"a":1})"));
-    EXPECT_EQ(dc::parse_cli_value(R"("x")"), json(R"("x")"));
+TEST(client_library, CliValueIsJsonWhenItParsesOtherwiseString) {
+    for (const char* text : {"5", "-2.5", "true", "null", R"({"a":1})", R"("x")"})
+        EXPECT_EQ(dc::parse_cli_value(text), parse(text)) << text;
     for (const char* text : {"abc", "", "0.0.0.2", "5 6", "{\"a\":", "True", "192.0.2.1/24"})
         EXPECT_EQ(dc::parse_cli_value(text), rapidjson::Value(rapidjson::StringRef(text))) << text;
-}
 
-TEST(CliValueTest, DisplayPrintsStringsBare) {
-    EXPECT_EQ(dc::display_value(json(R"("up")"), true), "up");
-    EXPECT_EQ(dc::display_value(json(R"({"a":[1]})"), false), R"({"a":[1]})");
-    EXPECT_EQ(dc::display_value(json(R"({"a":1})"), true), "{\n  \"a\": 1\n}");
+    EXPECT_EQ(dc::display_value(parse(R"("up")"), true), "up");
+    EXPECT_EQ(dc::display_value(parse(R"({"a":[1]})"), false), R"({"a":[1]})");
+    EXPECT_EQ(dc::display_value(parse(R"({"a":1})"), true), "{\n  \"a\": 1\n}");
 }
 
 }  // namespace
+}  // namespace server_test

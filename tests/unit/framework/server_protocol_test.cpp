@@ -3,124 +3,111 @@
 
 #include <fmt/format.h>
 
+#include "dh_client.hpp"
 #include "server_test_support.hpp"
 
 namespace server_test {
 namespace {
 
+// A request line; id and params are JSON texts, params left out when empty.
+std::string req(const std::string& id, const std::string& method, const std::string& params = "") {
+    return fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"{}"{}}})", id, method,
+                       params.empty() ? "" : R"(,"params":)" + params);
+}
+std::string notification(const std::string& method, const std::string& params) {
+    return fmt::format(R"({{"jsonrpc":"2.0","method":"{}","params":{}}})", method, params);
+}
+
 void expect_error(const rapidjson::Value& r, int code, const std::string& message) {
-    ASSERT_TRUE(r.HasMember("error")) << to_json(r);
-    EXPECT_EQ(r["error"]["code"].GetInt(), code) << to_json(r);
-    EXPECT_EQ(std::string(r["error"]["message"].GetString()), message) << to_json(r);
+    ASSERT_TRUE(r.HasMember("error")) << to_json_text(r);
+    EXPECT_EQ(r["error"]["code"].GetInt(), code) << to_json_text(r);
+    EXPECT_EQ(std::string(r["error"]["message"].GetString()), message) << to_json_text(r);
 }
 
 using server_protocol = server_fixture;
 
 TEST_F(server_protocol, EveryMethodAnswersAsTheProtocolSays) {
     auto c = connect();
+    const std::pair<std::string, std::string> exchanges[] = {
+        {req("1", "get", R"({"path":"/data/version/"})"),
+         R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})"},
+        {req(R"("s")", "get", R"({"path":"config/ospf/areaId"})"),
+         R"({"jsonrpc":"2.0","id":"s","result":null})"},
+        {req("2", "set", R"({"path":"config/ospf/areaId","value":{"a":[1,2]}})"),
+         R"({"jsonrpc":"2.0","id":2,"result":null})"},
+        {req("3", "get", R"({"path":"config/ospf/areaId"})"),
+         R"({"jsonrpc":"2.0","id":3,"result":{"a":[1,2]}})"},
+        // Asynchronous nodes answer the same way.
+        {req("4", "set", R"({"path":"config/ntp/server","value":"10.0.0.1"})"),
+         R"({"jsonrpc":"2.0","id":4,"result":null})"},
+        {req("5", "run", R"({"path":"command/echo","value":[true]})"),
+         R"({"jsonrpc":"2.0","id":5,"result":{"echo":[true]}})"},
+        {req("6", "run", R"({"path":"command/echo"})"),
+         R"({"jsonrpc":"2.0","id":6,"result":{"echo":null}})"},
+        {req("7", "info", R"({"path":"data/version"})"),
+         R"js({"jsonrpc":"2.0","id":7,"result":{"path":"data/version","description":"const value (read)",)js"
+         R"js("type":"const value","valueType":"string","capabilities":{"read":true}}})js"},
+        // A prefix matches whole components only.
+        {req("8", "list", R"({"path":"config/ospf/"})"),
+         R"js({"jsonrpc":"2.0","id":8,"result":[{"path":"config/ospf/areaId","info":"config value (read,write,subscribe)"}]})js"},
+    };
+    dh::api::const_value<int>::create(api_->db, "config/ospfx", 1);
+    for (const auto& [request, answer] : exchanges)
+        EXPECT_EQ(to_json_text(call(c, request)), answer);
 
-    auto r =
-        call(c, R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"/data/version/"}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
-
-    r = call(c,
-             R"({"jsonrpc":"2.0","id":"s","method":"get","params":{"path":"config/ospf/areaId"}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":"s","result":null})");
-    r = call(
-        c,
-        R"({"jsonrpc":"2.0","id":2,"method":"set","params":{"path":"config/ospf/areaId","value":{"a":[1,2]}}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":2,"result":null})");
-    r = call(c,
-             R"({"jsonrpc":"2.0","id":3,"method":"get","params":{"path":"config/ospf/areaId"}})");
-    EXPECT_EQ(to_json(r["result"]), R"({"a":[1,2]})");
-
-    // Asynchronous nodes answer the same way.
-    r = call(
-        c,
-        R"({"jsonrpc":"2.0","id":4,"method":"set","params":{"path":"config/ntp/server","value":"10.0.0.1"}})");
-    EXPECT_TRUE(r["result"].IsNull());
-    r = call(
-        c,
-        R"({"jsonrpc":"2.0","id":5,"method":"run","params":{"path":"command/echo","value":[true]}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":5,"result":{"echo":[true]}})");
-    r = call(c, R"({"jsonrpc":"2.0","id":6,"method":"run","params":{"path":"command/echo"}})");
-    EXPECT_EQ(to_json(r["result"]), R"({"echo":null})");
-
-    r = call(c, R"({"jsonrpc":"2.0","id":7,"method":"info","params":{"path":"data/version"}})");
-    EXPECT_EQ(
-        to_json(r["result"]),
-        R"js({"path":"data/version","description":"const value (read)","type":"const value"})js");
-
-    r = call(c, R"({"jsonrpc":"2.0","id":8,"method":"list"})");
+    auto r = call(c, req("9", "list"));
     std::vector<std::string> paths;
     for (const auto& e : r["result"].GetArray()) paths.emplace_back(e["path"].GetString());
-    EXPECT_EQ(paths,
-              (std::vector<std::string>{"command/echo", "config/ntp/server", "config/ospf/areaId",
-                                        "data/broken", "data/slow", "data/version"}));
-    // A prefix matches whole components only.
-    add<text_node>(api_->db, "config/ospfx", "x");
-    r = call(c, R"({"jsonrpc":"2.0","id":9,"method":"list","params":{"path":"config/ospf/"}})");
-    EXPECT_EQ(
-        to_json(r["result"]),
-        R"js([{"path":"config/ospf/areaId","info":"config value (read,write,subscribe)"}])js");
+    EXPECT_EQ(paths, (std::vector<std::string>{"command/echo", "config/ntp/server",
+                                               "config/ospf/areaId", "config/ospfx", "data/broken",
+                                               "data/slow", "data/version"}));
 
-    r = call(c, R"({"jsonrpc":"2.0","id":10,"method":"history"})");
+    r = call(c, req("10", "history"));
     ASSERT_EQ(r["result"].Size(), 2u);
     EXPECT_EQ(std::string(r["result"][0]["path"].GetString()), "config/ospf/areaId");
     EXPECT_EQ(std::string(r["result"][1]["value"].GetString()), "10.0.0.1");
-    r = call(c, R"({"jsonrpc":"2.0","id":11,"method":"history","params":{"limit":1}})");
+    r = call(c, req("11", "history", R"({"limit":1})"));
     ASSERT_EQ(r["result"].Size(), 1u);
     EXPECT_EQ(std::string(r["result"][0]["path"].GetString()), "config/ntp/server");
 
     // TCP speaks the same protocol.
     auto t = line_client::tcp(api_->tcp_port());
-    r = call(t, R"({"jsonrpc":"2.0","id":12,"method":"get","params":{"path":"data/version"}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":12,"result":"1.2.3"})");
+    EXPECT_EQ(to_json_text(call(t, req("12", "get", R"({"path":"data/version"})"))),
+              R"({"jsonrpc":"2.0","id":12,"result":"1.2.3"})");
 }
 
 TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
     auto c = connect();
-    auto r = call(c, R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/broken"}})");
-    EXPECT_EQ(to_json(r),
-              R"({"jsonrpc":"2.0","id":1,"error":{"code":-5,"message":"Input/output error"}})");
-    r = call(
-        c, R"({"jsonrpc":"2.0","id":2,"method":"set","params":{"path":"data/broken","value":-1}})");
-    EXPECT_EQ(
-        to_json(r["error"]),
-        R"({"code":-22,"message":"Invalid value type: expected uint, got 32-bit signed integer",)"
-        R"("data":{"expected":"uint","actual":"32-bit signed integer"}})");
-    r = call(c, R"({"jsonrpc":"2.0","id":3,"method":"run","params":{"path":"data/broken"}})");
-    EXPECT_EQ(to_json(r["error"]),
-              R"({"code":-1,"message":"Unknown error!","data":{"what":"boom"}})");
-
-    const std::pair<const char*, const char*> unsupported[] = {
-        {"set", R"("path":"data/version","value":1)"},
-        {"run", R"("path":"config/ospf/areaId")"},
-        {"subscribe", R"("path":"data/version")"},
-        {"subscribe", R"("path":"command/echo")"},
+    const std::pair<std::string, std::string> node_errors[] = {
+        {req("1", "get", R"({"path":"data/broken"})"),
+         R"({"code":-5,"message":"Input/output error"})"},
+        {req("2", "set", R"({"path":"data/broken","value":-1})"),
+         R"({"code":-22,"message":"Invalid value type: expected uint, got 32-bit signed integer",)"
+         R"("data":{"expected":"uint","actual":"32-bit signed integer"}})"},
+        {req("3", "run", R"({"path":"data/broken"})"),
+         R"({"code":-1,"message":"Unknown error!","data":{"what":"boom"}})"},
     };
-    for (const auto& [method, params] : unsupported) {
-        r = call(c, fmt::format(R"({{"jsonrpc":"2.0","id":4,"method":"{}","params":{{{}}}}})",
-                                method, params));
-        expect_error(r, -95, "Operation not supported");
-    }
-    r = call(c, R"({"jsonrpc":"2.0","id":5,"method":"get","params":{"path":"/no/such/"}})");
-    expect_error(r, -32001, "No such node: /no/such/");
-    r = call(c, R"({"jsonrpc":"2.0","id":6,"method":"fetch","params":{"path":"data/version"}})");
-    expect_error(r, -32601, "Method not found");
-    EXPECT_EQ(r["id"].GetInt(), 6);
+    for (const auto& [request, error] : node_errors)
+        EXPECT_EQ(to_json_text(call(c, request)["error"]), error);
 
-    for (const char* bad : {
-             R"({"jsonrpc":"2.0","id":7,"method":"get"})",
-             R"({"jsonrpc":"2.0","id":7,"method":"get","params":{"path":3}})",
-             R"({"jsonrpc":"2.0","id":7,"method":"get","params":["data/version"]})",
-             R"({"jsonrpc":"2.0","id":7,"method":"set","params":{"path":"config/ospf/areaId"}})",
-             R"({"jsonrpc":"2.0","id":7,"method":"history","params":{"limit":-1}})",
-             R"({"jsonrpc":"2.0","id":7,"method":"list","params":{"path":false}})",
-         }) {
-        r = call(c, bad);
-        expect_error(r, -32602, "Invalid params");
-        EXPECT_EQ(r["id"].GetInt(), 7) << bad;
+    const std::tuple<int, const char*, std::string> refused[] = {
+        {-95, "Operation not supported", req("4", "set", R"({"path":"data/version","value":1})")},
+        {-95, "Operation not supported", req("4", "run", R"({"path":"config/ospf/areaId"})")},
+        {-95, "Operation not supported", req("4", "subscribe", R"({"path":"data/version"})")},
+        {-95, "Operation not supported", req("4", "subscribe", R"({"path":"command/echo"})")},
+        {-32001, "No such node: /no/such/", req("4", "get", R"({"path":"/no/such/"})")},
+        {-32601, "Method not found", req("4", "fetch", R"({"path":"data/version"})")},
+        {-32602, "Invalid params", req("4", "get")},
+        {-32602, "Invalid params", req("4", "get", R"({"path":3})")},
+        {-32602, "Invalid params", req("4", "get", R"(["data/version"])")},
+        {-32602, "Invalid params", req("4", "set", R"({"path":"config/ospf/areaId"})")},
+        {-32602, "Invalid params", req("4", "history", R"({"limit":-1})")},
+        {-32602, "Invalid params", req("4", "list", R"({"path":false})")},
+    };
+    for (const auto& [code, message, request] : refused) {
+        auto r = call(c, request);
+        expect_error(r, code, message);
+        EXPECT_EQ(r["id"].GetInt(), 4) << request;
     }
     for (const char* bad : {
              R"({"jsonrpc":"1.0","id":8,"method":"get","params":{"path":"data/version"}})",
@@ -128,168 +115,153 @@ TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
              R"({"jsonrpc":"2.0","id":8,"method":7})",
              R"({"jsonrpc":"2.0","id":{"x":1},"method":"get"})",
              R"("get")",
-         }) {
-        r = call(c, bad);
-        expect_error(r, -32600, "Invalid Request");
-    }
-    for (const char* bad : {R"({"jsonrpc":"2.0","id":9,"method":)", "nonsense", "{} {}"}) {
-        r = call(c, bad);
-        EXPECT_EQ(to_json(r),
-                  R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error"}})");
-    }
+         })
+        expect_error(call(c, bad), -32600, "Invalid Request");
     // A NUL byte inside a line must not cut the line short into something valid.
-    std::string with_nul = R"({"jsonrpc":"2.0","id":10,"method":"list"})";
-    with_nul += std::string("\0 junk", 6);
-    r = call(c, with_nul);
-    expect_error(r, -32700, "Parse error");
+    const std::string parse_errors[] = {R"({"jsonrpc":"2.0","id":9,"method":)", "nonsense", "{} {}",
+                                        req("10", "list") + std::string("\0 junk", 6)};
+    for (const auto& bad : parse_errors)
+        EXPECT_EQ(to_json_text(call(c, bad)),
+                  R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error"}})");
     // None of that closed the connection.
-    r = call(c, R"({"jsonrpc":"2.0","id":11,"method":"get","params":{"path":"data/version"}})");
-    EXPECT_EQ(std::string(r["result"].GetString()), "1.2.3");
+    EXPECT_EQ(to_json_text(call(c, req("11", "get", R"({"path":"data/version"})"))["result"]),
+              R"("1.2.3")");
 }
 
 TEST_F(server_protocol, NotificationsAndBatches) {
     auto c = connect();
     // A notification is carried out and not answered: the next line answers the next request.
-    ASSERT_TRUE(c.send_line(
-        R"({"jsonrpc":"2.0","method":"set","params":{"path":"config/ospf/areaId","value":7}})"));
+    ASSERT_TRUE(c.send_line(notification("set", R"({"path":"config/ospf/areaId","value":7})")));
     ASSERT_TRUE(c.send_line(R"({"jsonrpc":"2.0","method":"nosuch"})"));
-    auto r = call(
-        c, R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"config/ospf/areaId"}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":1,"result":7})");
+    EXPECT_EQ(to_json_text(call(c, req("1", "get", R"({"path":"config/ospf/areaId"})"))),
+              R"({"jsonrpc":"2.0","id":1,"result":7})");
 
-    r = call(
-        c,
-        R"([{"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}},)"
-        R"(1,)"
-        R"({"jsonrpc":"2.0","method":"set","params":{"path":"config/ospf/areaId","value":8}},)"
-        R"({"jsonrpc":"2.0","id":"e","method":"run","params":{"path":"command/echo","value":2}},)"
-        R"({"jsonrpc":"2.0","id":3,"method":"nosuch"}])");
-    ASSERT_TRUE(r.IsArray());
-    EXPECT_EQ(to_json(r),
+    auto r = call(c, "[" + req("1", "get", R"({"path":"data/version"})") + ",1," +
+                         notification("set", R"({"path":"config/ospf/areaId","value":8})") + "," +
+                         req(R"("e")", "run", R"({"path":"command/echo","value":2})") + "," +
+                         req("3", "nosuch") + "]");
+    EXPECT_EQ(to_json_text(r),
               R"([{"jsonrpc":"2.0","id":1,"result":"1.2.3"},)"
               R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request"}},)"
               R"({"jsonrpc":"2.0","id":"e","result":{"echo":2}},)"
               R"({"jsonrpc":"2.0","id":3,"error":{"code":-32601,"message":"Method not found"}}])");
 
     // A batch of notifications only (one of them on the workers) is not answered.
-    ASSERT_TRUE(c.send_line(
-        R"([{"jsonrpc":"2.0","method":"set","params":{"path":"config/ntp/server","value":"a"}},)"
-        R"({"jsonrpc":"2.0","method":"get","params":{"path":"data/version"}}])"));
-    r = call(c,
-             R"({"jsonrpc":"2.0","id":2,"method":"get","params":{"path":"config/ospf/areaId"}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":2,"result":8})");
+    ASSERT_TRUE(c.send_line("[" +
+                            notification("set", R"({"path":"config/ntp/server","value":"a"})") +
+                            "," + notification("get", R"({"path":"data/version"})") + "]"));
+    EXPECT_EQ(to_json_text(call(c, req("2", "get", R"({"path":"config/ospf/areaId"})"))),
+              R"({"jsonrpc":"2.0","id":2,"result":8})");
     EXPECT_TRUE(wait_until([&] {
-        auto g = call(
-            c, R"({"jsonrpc":"2.0","id":3,"method":"get","params":{"path":"config/ntp/server"}})");
-        return g["result"].IsString() && std::string(g["result"].GetString()) == "a";
+        return to_json_text(call(
+                   c, req("3", "get", R"({"path":"config/ntp/server"})"))["result"]) == R"("a")";
     }));
-
-    r = call(c, "[]");
-    EXPECT_EQ(to_json(r),
+    EXPECT_EQ(to_json_text(call(c, "[]")),
               R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request"}})");
 }
 
 TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
     auto c = connect();
     auto other = connect();
-    ASSERT_TRUE(c.send_line(
-        R"({"jsonrpc":"2.0","id":"slow","method":"get","params":{"path":"data/slow"}})"));
-    ASSERT_TRUE(wait_until([&] { return gate->waiting() == 1; }));
+    ASSERT_TRUE(c.send_line(req(R"("slow")", "get", R"({"path":"data/slow"})")));
+    ASSERT_TRUE(wait_until([&] { return gate->waiting == 1; }));
     // Same connection, immediate node, and an asynchronous one on another worker.
-    ASSERT_TRUE(c.send_line(
-        R"({"jsonrpc":"2.0","id":"fast","method":"get","params":{"path":"data/version"}})"));
-    ASSERT_TRUE(c.send_line(
-        R"({"jsonrpc":"2.0","id":"cmd","method":"run","params":{"path":"command/echo"}})"));
+    ASSERT_TRUE(c.send_line(req(R"("fast")", "get", R"({"path":"data/version"})")));
+    ASSERT_TRUE(c.send_line(req(R"("cmd")", "run", R"({"path":"command/echo"})")));
     std::set<std::string> first_two;
-    for (int i = 0; i < 2; ++i) {
-        auto line = c.read_line();
-        ASSERT_TRUE(line);
-        first_two.insert(parse(*line)["id"].GetString());
-    }
+    for (int i = 0; i < 2; ++i) first_two.insert(c.read_json()["id"].GetString());
     EXPECT_EQ(first_two, (std::set<std::string>{"fast", "cmd"}));
-    auto r =
-        call(other, R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})");
-    EXPECT_EQ(std::string(r["result"].GetString()), "1.2.3");
+    EXPECT_EQ(to_json_text(call(other, req("1", "get", R"({"path":"data/version"})"))["result"]),
+              R"("1.2.3")");
 
     gate->open();
-    auto line = c.read_line();
-    ASSERT_TRUE(line);
-    EXPECT_EQ(*line, R"({"jsonrpc":"2.0","id":"slow","result":"slow"})");
+    EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":"slow","result":"slow"})");
 
     // Operations of one connection on one asynchronous node keep their order.
     std::string pipeline;
     for (int i = 1; i <= 30; ++i)
-        pipeline += fmt::format(
-            R"({{"jsonrpc":"2.0","method":"set","params":{{"path":"config/ntp/server","value":{}}}}})"
-            "\n",
-            i);
-    pipeline +=
-        R"({"jsonrpc":"2.0","id":"last","method":"get","params":{"path":"config/ntp/server"}})";
-    r = call(c, pipeline);
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":"last","result":30})");
+        pipeline +=
+            notification("set", fmt::format(R"({{"path":"config/ntp/server","value":{}}})", i)) +
+            "\n";
+    EXPECT_EQ(to_json_text(call(c, pipeline + req("2", "get", R"({"path":"config/ntp/server"})"))),
+              R"({"jsonrpc":"2.0","id":2,"result":30})");
 }
 
 TEST_F(server_protocol, EventsCarrySequenceAndTime) {
     auto subscriber = connect();
     auto writer = connect();
-    call(
-        writer,
-        R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/ospf/areaId","value":"0.0.0.1"}})");
+    auto set_area = [&](const std::string& value) {
+        call(writer, req("1", "set", R"({"path":"config/ospf/areaId","value":)" + value + "}"));
+    };
+    set_area(R"("0.0.0.1")");
 
     // The subscription answers the current value and sends it as an event, in either order.
-    ASSERT_TRUE(subscriber.send_line(
-        R"({"jsonrpc":"2.0","id":"sub","method":"subscribe","params":{"path":"config/ospf/areaId"}})"));
+    ASSERT_TRUE(
+        subscriber.send_line(req(R"("sub")", "subscribe", R"({"path":"config/ospf/areaId"})")));
     rapidjson::Document initial;
     for (int i = 0; i < 2; ++i) {
-        auto line = subscriber.read_line();
-        ASSERT_TRUE(line);
-        auto d = parse(*line);
-        if (d.HasMember("id")) {
-            EXPECT_EQ(to_json(d), R"({"jsonrpc":"2.0","id":"sub","result":"0.0.0.1"})");
-        } else {
-            initial.CopyFrom(d, initial.GetAllocator());
-        }
+        auto d = subscriber.read_json();
+        if (d.HasMember("id"))
+            EXPECT_EQ(to_json_text(d), R"({"jsonrpc":"2.0","id":"sub","result":"0.0.0.1"})");
+        else
+            initial.Swap(d);
     }
     ASSERT_TRUE(initial.IsObject());
-    EXPECT_EQ(std::string(initial["method"].GetString()), "event");
-    EXPECT_FALSE(initial.HasMember("id"));
-    const auto& p0 = initial["params"];
-    EXPECT_EQ(std::string(p0["path"].GetString()), "config/ospf/areaId");
-    EXPECT_EQ(std::string(p0["type"].GetString()), "valueChanged");
-    EXPECT_EQ(std::string(p0["value"].GetString()), "0.0.0.1");
     const std::regex iso(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
-    EXPECT_TRUE(std::regex_match(p0["time"].GetString(), iso)) << p0["time"].GetString();
+    EXPECT_TRUE(std::regex_match(initial["params"]["time"].GetString(), iso));
+    std::uint64_t seq = initial["params"]["seq"].GetUint64();
+    initial["params"].RemoveMember("time");
+    initial["params"].RemoveMember("seq");
+    EXPECT_EQ(to_json_text(initial),
+              R"({"jsonrpc":"2.0","method":"event","params":{"path":"config/ospf/areaId",)"
+              R"("type":"valueChanged","value":"0.0.0.1"}})");
 
     // Every later change follows with the next sequence number, in order.
-    std::uint64_t seq = p0["seq"].GetUint64();
-    for (int v = 2; v <= 4; ++v)
-        call(
-            writer,
-            fmt::format(
-                R"({{"jsonrpc":"2.0","id":1,"method":"set","params":{{"path":"config/ospf/areaId","value":{}}}}})",
-                v));
+    for (int v = 2; v <= 4; ++v) set_area(std::to_string(v));
     for (int v = 2; v <= 4; ++v) {
-        auto line = subscriber.read_line();
-        ASSERT_TRUE(line);
-        auto e = parse(*line);
+        auto e = subscriber.read_json();
         EXPECT_EQ(e["params"]["value"].GetInt(), v);
         EXPECT_EQ(e["params"]["seq"].GetUint64(), ++seq);
         EXPECT_TRUE(std::regex_match(e["params"]["time"].GetString(), iso));
     }
 
-    auto r = call(
-        subscriber,
-        R"({"jsonrpc":"2.0","id":"u","method":"unsubscribe","params":{"path":"config/ospf/areaId"}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":"u","result":null})");
+    EXPECT_EQ(to_json_text(call(subscriber,
+                                req(R"("u")", "unsubscribe", R"({"path":"config/ospf/areaId"})"))),
+              R"({"jsonrpc":"2.0","id":"u","result":null})");
     EXPECT_FALSE(param->has_subscribers());
     EXPECT_EQ(param->unsubscribes.load(), 1);
 
     // Subscriptions on an asynchronous node go through the workers.
-    r = call(
-        subscriber,
-        R"({"jsonrpc":"2.0","id":"s2","method":"subscribe","params":{"path":"config/ntp/server"}})");
-    EXPECT_EQ(to_json(r), R"({"jsonrpc":"2.0","id":"s2","result":null})");
+    EXPECT_EQ(
+        to_json_text(call(subscriber, req("2", "subscribe", R"({"path":"config/ntp/server"})"))),
+        R"({"jsonrpc":"2.0","id":2,"result":null})");
     EXPECT_TRUE(async_param->has_subscribers());
+}
+
+// The client library against the real server, over both sockets.
+TEST_F(server_protocol, ClientLibraryDrivesTheServer) {
+    namespace dc = dh::client;
+    auto watcher = dc::client::unix_socket(api_->socket_path());
+    auto writer = dc::client::tcp("127.0.0.1", std::to_string(api_->tcp_port()));
+    writer.set("config/ospf/areaId", parse("7"));
+    EXPECT_EQ(watcher.subscribe("config/ospf/areaId"), parse("7"));
+    ASSERT_TRUE(watcher.next_event(5s));
+    writer.set("config/ospf/areaId", parse(R"({"a":[1,"x"]})"));
+    auto change = watcher.next_event(5s);
+    ASSERT_TRUE(change);
+    EXPECT_EQ(change->path, "config/ospf/areaId");
+    EXPECT_EQ(change->value, parse(R"({"a":[1,"x"]})"));
+    EXPECT_EQ(writer.run("command/echo", parse("[1]")), parse(R"({"echo":[1]})"));
+
+    try {
+        writer.set("data/broken", parse("-1"));
+        FAIL() << "no error";
+    } catch (const dc::rpc_error& e) {
+        EXPECT_EQ(e.code(), -22);
+        EXPECT_EQ(e.message(), "Invalid value type: expected uint, got 32-bit signed integer");
+        EXPECT_EQ(e.data(), parse(R"({"expected":"uint","actual":"32-bit signed integer"})"));
+    }
+    EXPECT_THROW(watcher.get("no/leaf"), dc::rpc_error);
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
 #pragma once
 
-// Shared by the server tests: a raw line client on real sockets, small node kinds, and a
-// fixture that runs a real server on a socket in a temporary directory.
+// Shared by the server and client tests: a raw line connection on real sockets, small node
+// kinds, and a fixture that runs a real server on a socket in a temporary directory.
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -11,11 +10,10 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -25,17 +23,16 @@
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "device_handler_api.hpp"
+#include "dh_api/dh_api.hpp"
 #include "dh_db.hpp"
-#include "dh_node.hpp"
 #include "dh_session.hpp"
 
 namespace server_test {
 
 using namespace std::chrono_literals;
+using dh::api::to_json_text;
 
 inline bool wait_until(const std::function<bool()>& done, std::chrono::milliseconds limit = 5s) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
@@ -46,54 +43,45 @@ inline bool wait_until(const std::function<bool()>& done, std::chrono::milliseco
     return true;
 }
 
+inline rapidjson::Document parse(const std::string& text) {
+    rapidjson::Document d;
+    d.Parse(text.c_str(), text.size());
+    if (d.HasParseError()) throw std::runtime_error("not JSON: " + text);
+    return d;
+}
+
 // One connection that sends raw text and reads whole lines, each with a deadline.
 class line_client {
   public:
-    static line_client unix_socket(const std::string& path) {
-        int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un addr{};
-        addr.sun_family = AF_UNIX;
-        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-            ::close(fd);
-            throw std::runtime_error("connect " + path + ": " + std::strerror(errno));
-        }
-        return line_client(fd);
-    }
-
-    static line_client tcp(unsigned port) {
-        int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-            ::close(fd);
-            throw std::runtime_error(std::string("connect tcp: ") + std::strerror(errno));
-        }
-        return line_client(fd);
-    }
-
-    static line_client tcp6_loopback(unsigned port) {
-        int fd = ::socket(AF_INET6, SOCK_STREAM, 0);
-        sockaddr_in6 addr{};
-        addr.sin6_family = AF_INET6;
-        addr.sin6_port = htons(static_cast<uint16_t>(port));
-        addr.sin6_addr = in6addr_loopback;
-        if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-            ::close(fd);
-            throw std::runtime_error(std::string("connect tcp6: ") + std::strerror(errno));
-        }
-        return line_client(fd);
-    }
-
+    explicit line_client(int fd) : fd_(fd) {}
     line_client(line_client&& o) noexcept
         : fd_(std::exchange(o.fd_, -1)), buf_(std::move(o.buf_)) {}
     ~line_client() {
         if (fd_ >= 0) ::close(fd_);
     }
 
-    // Sends everything; false when the server has closed the connection meanwhile.
+    static line_client unix_socket(const std::string& path) {
+        sockaddr_un addr{};
+        addr.sun_family = AF_UNIX;
+        std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
+        return open(AF_UNIX, &addr, sizeof addr);
+    }
+    static line_client tcp(unsigned port, bool ipv6 = false) {
+        if (ipv6) {
+            sockaddr_in6 addr{};
+            addr.sin6_family = AF_INET6;
+            addr.sin6_port = htons(static_cast<uint16_t>(port));
+            addr.sin6_addr = in6addr_loopback;
+            return open(AF_INET6, &addr, sizeof addr);
+        }
+        sockaddr_in addr{};
+        addr.sin_family = AF_INET;
+        addr.sin_port = htons(static_cast<uint16_t>(port));
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        return open(AF_INET, &addr, sizeof addr);
+    }
+
+    // Sends everything; false when the peer has closed the connection meanwhile.
     bool send_raw(std::string_view text) {
         while (!text.empty()) {
             const ssize_t n = ::send(fd_, text.data(), text.size(), MSG_NOSIGNAL);
@@ -116,32 +104,39 @@ class line_client {
             if (!fill(deadline)) return std::nullopt;
         }
     }
+    // The next line as JSON; throws when none comes.
+    rapidjson::Document read_json() {
+        auto line = read_line();
+        if (!line) throw std::runtime_error("no line");
+        return parse(*line);
+    }
 
-    // True once the server closed the connection (lines still buffered are dropped).
-    bool closed_by_server(std::chrono::milliseconds limit = 5s) {
+    // True once the peer closed the connection (lines still buffered are dropped).
+    bool closed_by_peer(std::chrono::milliseconds limit = 5s) {
         const auto deadline = std::chrono::steady_clock::now() + limit;
         while (fill(deadline)) buf_.clear();
         return eof_;
     }
 
-    void shutdown_write() { ::shutdown(fd_, SHUT_WR); }
-    int fd() const { return fd_; }
+    void shutdown(int how = SHUT_WR) { ::shutdown(fd_, how); }
 
   private:
-    explicit line_client(int fd) : fd_(fd) {}
+    static line_client open(int family, const void* addr, socklen_t len) {
+        line_client c(::socket(family, SOCK_STREAM, 0));
+        if (::connect(c.fd_, static_cast<const sockaddr*>(addr), len) != 0)
+            throw std::runtime_error(std::string("connect: ") + std::strerror(errno));
+        return c;
+    }
 
     bool fill(std::chrono::steady_clock::time_point deadline) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
             deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) return false;
         pollfd p{fd_, POLLIN, 0};
-        if (::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
+        if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
         char tmp[65536];
         const ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
-        if (n <= 0) {
-            eof_ = true;
-            return false;
-        }
+        if (n <= 0) eof_ = true;
+        if (n <= 0) return false;
         buf_.append(tmp, static_cast<std::size_t>(n));
         return true;
     }
@@ -149,39 +144,6 @@ class line_client {
     int fd_ = -1;
     std::string buf_;
     bool eof_ = false;
-};
-
-inline rapidjson::Document parse(const std::string& text) {
-    rapidjson::Document d;
-    d.Parse(text.c_str(), text.size());
-    if (d.HasParseError()) throw std::runtime_error("not JSON: " + text);
-    return d;
-}
-
-inline std::string to_json(const rapidjson::Value& v) {
-    rapidjson::StringBuffer sb;
-    rapidjson::Writer<rapidjson::StringBuffer> w(sb);
-    v.Accept(w);
-    return sb.GetString();
-}
-
-// A fixed text, answered on the serving thread.
-class text_node : public dh_db_leaf_node {
-  public:
-    text_node(dh_db& db, const std::string& path, std::string text)
-        : dh_db_leaf_node(db, dh_db::split_path(path)), text_(std::move(text)) {}
-    void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
-        out.SetString(text_.c_str(), a);
-    }
-    std::string get_info() override { return "const value (read)"; }
-    dh::Value get_info(dh::Allocator& a) override {
-        auto info = dh_db_leaf_node::get_info(a);
-        info.AddMember("type", "const value", a);
-        return info;
-    }
-
-  private:
-    const std::string text_;
 };
 
 // A value clients read, write and subscribe to; optionally answered on the workers.
@@ -198,9 +160,7 @@ class value_node : public dh_db_event_node {
         std::lock_guard lock(mutex_);
         if (value_ == v) return;
         value_.CopyFrom(v, value_.GetAllocator());
-        auto event = create_value_changed_event();
-        event.AddMember("value", dh::Value(value_, event.GetAllocator()), event.GetAllocator());
-        send_event_impl(std::move(event));
+        send_event_impl(event());
         db().append_to_history(*this);
     }
     void subscribe(const std::shared_ptr<dh_session>& s, std::string_view path, dh::Allocator& a,
@@ -208,10 +168,7 @@ class value_node : public dh_db_event_node {
         std::lock_guard own(mutex_);
         dh_db_event_node::subscribe(s, path, a, out, lock);
         out.CopyFrom(value_, a);
-        if (value_.IsNull()) return;
-        auto event = create_value_changed_event();
-        event.AddMember("value", dh::Value(value_, event.GetAllocator()), event.GetAllocator());
-        send_event_to_session_impl(s, true, std::move(event));
+        if (!value_.IsNull()) send_event_to_session_impl(s, true, event());
     }
     void unsubscribe(const std::shared_ptr<dh_session>& s) override {
         dh_db_event_node::unsubscribe(s);
@@ -223,6 +180,12 @@ class value_node : public dh_db_event_node {
     std::atomic<int> unsubscribes{0};
 
   private:
+    dh::Document event() {
+        auto e = create_value_changed_event();
+        e.AddMember("value", dh::Value(value_, e.GetAllocator()), e.GetAllocator());
+        return e;
+    }
+
     const bool async_;
     std::mutex mutex_;
     dh::Document value_;
@@ -231,59 +194,47 @@ class value_node : public dh_db_event_node {
 // A slow read on the workers: get waits until the test opens the gate.
 class gated_node : public dh_db_leaf_node {
   public:
-    gated_node(dh_db& db, const std::string& path) : dh_db_leaf_node(db, dh_db::split_path(path)) {}
+    explicit gated_node(dh_db& db) : dh_db_leaf_node(db, {"data", "slow"}) {}
     void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
-        std::unique_lock lock(mutex_);
-        ++waiting_;
-        cv_.wait(lock, [&] { return open_; });
+        ++waiting;
+        opened_.wait();
         out.SetString("slow", a);
     }
     bool is_async() override { return true; }
     void open() {
-        std::lock_guard lock(mutex_);
-        open_ = true;
-        cv_.notify_all();
+        if (!open_.exchange(true)) gate_.set_value();
     }
-    int waiting() {
-        std::lock_guard lock(mutex_);
-        return waiting_;
-    }
+
+    std::atomic<int> waiting{0};
 
   private:
-    std::mutex mutex_;
-    std::condition_variable cv_;
-    bool open_ = false;
-    int waiting_ = 0;
+    std::atomic<bool> open_{false};
+    std::promise<void> gate_;
+    std::shared_future<void> opened_ = gate_.get_future().share();
 };
 
-// Fails in the three ways a node can: dh_error, conversion error, any other exception.
-class failing_node : public dh_db_leaf_node {
+// Fails in the three ways a node can (dh_error, conversion error, any other exception); a run
+// with the value "echo" answers {"echo": value} instead, on the workers.
+class tricky_node : public dh_db_leaf_node {
   public:
-    failing_node(dh_db& db, const std::string& path)
-        : dh_db_leaf_node(db, dh_db::split_path(path)) {}
+    tricky_node(dh_db& db, const std::string& path, bool echo)
+        : dh_db_leaf_node(db, dh_db::split_path(path)), echo_(echo) {}
     void get(std::string_view, dh::Allocator&, dh::Value&) override {
         throw dh_error(-5, "Input/output error");
     }
     void set(std::string_view, const dh::Value&) override {
         throw json_value_conversion_error{"uint", "32-bit signed integer"};
     }
-    void run(std::string_view, const dh::Value&, dh::Allocator&, dh::Value&) override {
-        throw std::runtime_error("boom");
-    }
-};
-
-// A command on the workers that answers {"echo": its input}.
-class echo_command : public dh_db_leaf_node {
-  public:
-    echo_command(dh_db& db, const std::string& path)
-        : dh_db_leaf_node(db, dh_db::split_path(path)) {}
     void run(std::string_view, const dh::Value& in, dh::Allocator& a, dh::Value& out) override {
+        if (!echo_) throw std::runtime_error("boom");
         out.SetObject();
         out.AddMember("echo", dh::Value(in, a), a);
     }
-    bool is_async() override { return true; }
-    bool write_returns_response() override { return true; }
+    bool is_async() override { return echo_; }
     std::string get_info() override { return "command value returning response (write)"; }
+
+  private:
+    const bool echo_;
 };
 
 template <typename Node, typename... Args>
@@ -294,8 +245,7 @@ std::shared_ptr<Node> add(dh_db& db, Args&&... args) {
 }
 
 inline std::string make_temp_dir() {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "dh-server-test-XXXXXX").string();
+    std::string pattern = (std::filesystem::temp_directory_path() / "dh-test-XXXXXX").string();
     if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
     return pattern;
 }
@@ -304,14 +254,13 @@ inline std::string make_temp_dir() {
 class server_fixture : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = make_temp_dir();
         api_ = std::make_unique<device_handler_api>(dir_ + "/sock", 0, true);
-        text = add<text_node>(api_->db, "data/version", "1.2.3");
+        dh::api::const_value<std::string>::create(api_->db, "data/version", "1.2.3");
         param = add<value_node>(api_->db, "config/ospf/areaId", false);
         async_param = add<value_node>(api_->db, "config/ntp/server", true);
-        gate = add<gated_node>(api_->db, "data/slow");
-        failing = add<failing_node>(api_->db, "data/broken");
-        echo = add<echo_command>(api_->db, "command/echo");
+        gate = add<gated_node>(api_->db);
+        add<tricky_node>(api_->db, "data/broken", false);
+        add<tricky_node>(api_->db, "command/echo", true);
         thread_ = std::thread([this] { api_->start(); });
     }
     void TearDown() override {
@@ -327,20 +276,15 @@ class server_fixture : public ::testing::Test {
     // Sends one request and returns the next line as a document.
     static rapidjson::Document call(line_client& c, const std::string& request) {
         EXPECT_TRUE(c.send_line(request));
-        auto line = c.read_line();
-        if (!line) throw std::runtime_error("no answer to " + request);
-        return parse(*line);
+        return c.read_json();
     }
 
-    std::string dir_;
+    const std::string dir_ = make_temp_dir();
     std::unique_ptr<device_handler_api> api_;
     std::thread thread_;
-    std::shared_ptr<text_node> text;
     std::shared_ptr<value_node> param;
     std::shared_ptr<value_node> async_param;
     std::shared_ptr<gated_node> gate;
-    std::shared_ptr<failing_node> failing;
-    std::shared_ptr<echo_command> echo;
 };
 
 }  // namespace server_test

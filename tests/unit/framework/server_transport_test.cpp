@@ -17,16 +17,19 @@ const std::string get_version =
     R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})";
 
 bool answers(line_client& c) {
-    if (!c.send_line(get_version)) return false;
-    auto line = c.read_line();
-    return line && *line == R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})";
+    return c.send_line(get_version) &&
+           c.read_line() == R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})";
+}
+
+std::string subscribe(const std::string& path) {
+    return R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":")" + path + "\"}}";
 }
 
 // A server with its own node tree and limits, serving on a thread until destroyed.
 struct bare_server {
     explicit bare_server(dh::server::options opts = {})
         : dir(make_temp_dir()), srv(db, dir, 0, true, opts), serving([this] { srv.run(); }) {
-        add<text_node>(db, "data/version", "1.2.3");
+        dh::api::const_value<std::string>::create(db, "data/version", "1.2.3");
     }
     ~bare_server() {
         srv.stop();
@@ -55,27 +58,22 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
         // Children the daemon starts must not inherit its listening sockets.
         for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code ec;
-            const auto target = std::filesystem::read_symlink(fd.path(), ec).string();
-            if (target.rfind("socket:", 0) != 0) continue;
+            if (std::filesystem::read_symlink(fd.path(), ec).string().rfind("socket:", 0) != 0)
+                continue;
             const int n = std::stoi(fd.path().filename().string());
             EXPECT_TRUE(::fcntl(n, F_GETFD) & FD_CLOEXEC) << "socket fd " << n << " is inherited";
         }
+        // A stop that comes before the serving loop makes it return at once.
+        api.stop();
+        api.start();
     }
-    std::filesystem::remove_all(dir);
-}
-
-TEST(server_socket, StopBeforeStartReturnsAtOnce) {
-    const std::string dir = make_temp_dir();
-    device_handler_api api(dir, 0, true);
-    api.stop();
-    api.start();
     std::filesystem::remove_all(dir);
 }
 
 TEST_F(server_transport, Ipv6SocketOnOneInterface) {
     EXPECT_THROW(api_->start_ipv6_socket("no-such-if0"), std::system_error);
     api_->start_ipv6_socket("lo");
-    auto c = line_client::tcp6_loopback(api_->tcp_port());
+    auto c = line_client::tcp(api_->tcp_port(), true);
     EXPECT_TRUE(answers(c));
 }
 
@@ -87,41 +85,33 @@ TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
     const std::string tail = R"("}})";
     const std::string fits = head + std::string((1u << 20) - head.size() - tail.size(), 'x') + tail;
     ASSERT_EQ(fits.size(), 1u << 20);
-    auto r = call(c, fits);
-    EXPECT_TRUE(r["result"].IsNull()) << to_json(r).substr(0, 200);
+    EXPECT_TRUE(call(c, fits)["result"].IsNull());
 
     c.send_raw(std::string((1u << 20) + 1, ' '));
-    auto line = c.read_line();
-    ASSERT_TRUE(line);
     EXPECT_EQ(
-        *line,
+        c.read_line(),
         R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request too large"}})");
-    EXPECT_TRUE(c.closed_by_server());
-
+    EXPECT_TRUE(c.closed_by_peer());
     auto other = connect();
     EXPECT_TRUE(answers(other));
 }
 
 TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
     auto c = connect();
-    auto r = call(c, std::string(100000, '['));
     EXPECT_EQ(
-        to_json(r),
+        to_json_text(call(c, std::string(100000, '['))),
         R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Nesting too deep"}})");
     std::string objects;
     for (int i = 0; i < 100000; ++i) objects += R"({"a":)";
-    r = call(c, objects);
-    EXPECT_EQ(r["error"]["code"].GetInt(), -32600);
+    EXPECT_EQ(call(c, objects)["error"]["code"].GetInt(), -32600);
 
     // The request object and params count: 62 arrays in the value make 64 levels.
     auto nested = [](int n) {
         return R"({"jsonrpc":"2.0","id":2,"method":"set","params":{"path":"config/ospf/areaId","value":)" +
                std::string(n, '[') + std::string(n, ']') + "}}";
     };
-    r = call(c, nested(62));
-    EXPECT_TRUE(r["result"].IsNull()) << to_json(r);
-    r = call(c, nested(63));
-    EXPECT_EQ(std::string(r["error"]["message"].GetString()), "Nesting too deep");
+    EXPECT_TRUE(call(c, nested(62))["result"].IsNull());
+    EXPECT_EQ(std::string(call(c, nested(63))["error"]["message"].GetString()), "Nesting too deep");
     EXPECT_TRUE(answers(c));
 }
 
@@ -129,13 +119,8 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
     auto stalled = connect();
     auto reader = connect();
     auto busy = connect();
-    for (auto* c : {&stalled, &reader}) {
-        auto r = call(
-            *c,
-            R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"config/ospf/areaId"}})");
-        ASSERT_TRUE(r["result"].IsNull());
-    }
-    ASSERT_TRUE(param->has_subscribers());
+    for (auto* c : {&stalled, &reader})
+        ASSERT_TRUE(call(*c, subscribe("config/ospf/areaId"))["result"].IsNull());
 
     // Events of 64 KiB: the stalled connection's queue passes 8 MiB after some 130 of them.
     const std::string big(64 * 1024, 'v');
@@ -146,14 +131,13 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
         v.SetString((big + std::to_string(sent++)).c_str(), v.GetAllocator());
         param->set("", v);
         // The reader keeps up, and a third client is answered between events.
-        auto event = reader.read_line();
-        ASSERT_TRUE(event) << "event " << sent;
+        ASSERT_TRUE(reader.read_line()) << "event " << sent;
         ASSERT_TRUE(answers(busy));
     }
     EXPECT_EQ(param->unsubscribes.load(), 1);
     EXPECT_GT(sent * big.size(), 8u << 20);
     EXPECT_LT(sent * big.size(), 12u << 20);
-    EXPECT_TRUE(stalled.closed_by_server());
+    EXPECT_TRUE(stalled.closed_by_peer());
     EXPECT_TRUE(param->has_subscribers());
     EXPECT_TRUE(answers(reader));
 }
@@ -161,19 +145,13 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
 TEST_F(server_transport, DisconnectEndsSubscriptions) {
     {
         auto c = connect();
-        call(
-            c,
-            R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":"config/ospf/areaId"}})");
-        call(
-            c,
-            R"({"jsonrpc":"2.0","id":2,"method":"subscribe","params":{"path":"config/ntp/server"}})");
-        EXPECT_TRUE(param->has_subscribers());
-        EXPECT_TRUE(async_param->has_subscribers());
+        call(c, subscribe("config/ospf/areaId"));
+        call(c, subscribe("config/ntp/server"));
+        EXPECT_TRUE(param->has_subscribers() && async_param->has_subscribers());
     }
     EXPECT_TRUE(wait_until(
         [&] { return param->unsubscribes.load() == 1 && async_param->unsubscribes.load() == 1; }));
-    EXPECT_FALSE(param->has_subscribers());
-    EXPECT_FALSE(async_param->has_subscribers());
+    EXPECT_FALSE(param->has_subscribers() || async_param->has_subscribers());
 }
 
 TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
@@ -181,18 +159,14 @@ TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
     // The last request has no newline; the slow one finishes after the peer stopped sending.
     ASSERT_TRUE(
         c.send_raw(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/slow"}})"
-                   "\n"
-                   R"({"jsonrpc":"2.0","id":2,"method":"get","params":{"path":"data/version"}})"));
-    c.shutdown_write();
-    auto line = c.read_line();
-    ASSERT_TRUE(line);
-    EXPECT_EQ(parse(*line)["id"].GetInt(), 2);
-    ASSERT_TRUE(wait_until([&] { return gate->waiting() == 1; }));
+                   "\n" +
+                   get_version));
+    c.shutdown();
+    EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
+    ASSERT_TRUE(wait_until([&] { return gate->waiting == 1; }));
     gate->open();
-    line = c.read_line();
-    ASSERT_TRUE(line);
-    EXPECT_EQ(*line, R"({"jsonrpc":"2.0","id":1,"result":"slow"})");
-    EXPECT_TRUE(c.closed_by_server());
+    EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"slow"})");
+    EXPECT_TRUE(c.closed_by_peer());
 }
 
 TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
@@ -202,8 +176,6 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     GTEST_SKIP() << "needs free descriptors under AddressSanitizer/UndefinedBehaviorSanitizer";
 #endif
     bare_server b;
-    auto& srv = b.srv;
-
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     const auto open_now = std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -216,40 +188,34 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     for (int fd; (fd = ::open("/dev/null", O_RDONLY)) >= 0;) filler.push_back(fd);
     ::close(filler.back());
     filler.pop_back();
-    auto c = line_client::unix_socket(srv.socket_path());
+    auto c = line_client::unix_socket(b.srv.socket_path());
     ASSERT_TRUE(c.send_line(get_version));
-    EXPECT_TRUE(wait_until([&] { return srv.accept_failures() > 0; }));
+    EXPECT_TRUE(wait_until([&] { return b.srv.accept_failures() > 0; }));
 
     for (int fd : filler) ::close(fd);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
-    auto line = c.read_line();
-    ASSERT_TRUE(line);
-    EXPECT_EQ(*line, R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
+    EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
 }
 
 TEST(server_limits, ConnectionOverTheCapIsRefused) {
     dh::server::options opts;
     opts.max_connections = 2;
     bare_server s(opts);
-    auto& srv = s.srv;
-
-    auto a = line_client::unix_socket(srv.socket_path());
-    auto b = line_client::tcp(srv.tcp_port());
+    auto a = line_client::unix_socket(s.srv.socket_path());
+    auto b = line_client::tcp(s.srv.tcp_port());
     EXPECT_TRUE(answers(a));
     EXPECT_TRUE(answers(b));
-    auto refused = line_client::unix_socket(srv.socket_path());
-    auto line = refused.read_line();
-    ASSERT_TRUE(line);
+    auto refused = line_client::unix_socket(s.srv.socket_path());
     EXPECT_EQ(
-        *line,
+        refused.read_line(),
         R"({"jsonrpc":"2.0","id":null,"error":{"code":-32000,"message":"Too many connections"}})");
-    EXPECT_TRUE(refused.closed_by_server());
-    EXPECT_EQ(srv.connection_count(), 2u);
+    EXPECT_TRUE(refused.closed_by_peer());
+    EXPECT_EQ(s.srv.connection_count(), 2u);
 
     // A closed connection frees its place.
     { auto gone = std::move(a); }
-    ASSERT_TRUE(wait_until([&] { return srv.connection_count() == 1; }));
-    auto c = line_client::unix_socket(srv.socket_path());
+    ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 1; }));
+    auto c = line_client::unix_socket(s.srv.socket_path());
     EXPECT_TRUE(answers(c));
 }
 

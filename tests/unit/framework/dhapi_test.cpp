@@ -1,0 +1,517 @@
+// The value kinds of dh_api: conversions, parameters, commands, constant, volatile, status and
+// monitored values, and value groups. Nodes are driven directly, with recording sessions.
+
+#include <limits>
+
+#include <fmt/format.h>
+
+#include "dh_api/dh_api.hpp"
+#include "log_capture.hpp"
+#include "server_test_support.hpp"
+
+using namespace dh::api;
+using server_test::parse;
+using server_test::wait_until;
+using namespace std::chrono_literals;
+
+enum class family : int { ipv4 = 0, ipv6 = 1 };
+
+// Handler methods of the signatures the node kinds bind, outside the anonymous namespace as
+// they become template arguments; each call is recorded as text.
+struct fake_handler {
+    std::vector<std::string> calls;
+    // Read and written across threads by the polling tests.
+    std::atomic<bool> fail{false};
+    std::atomic<unsigned> reads{0};
+    std::atomic<double> margin{1.0};
+
+    void check() {
+        if (fail) throw dh_error(-22, "refused");
+    }
+    void set_enabled(std::string_view name, std::optional<int> vlan, const std::string& status) {
+        check();
+        calls.push_back(fmt::format("{} {} {}", name, vlan ? std::to_string(*vlan) : "-", status));
+    }
+    void set_metric(std::string_view name, unsigned int metric) {
+        calls.push_back(fmt::format("{} {}", name, metric));
+    }
+    void set_area(std::string_view name, std::string& id) {
+        calls.push_back(fmt::format("{} {}", name, id));
+        id = "changed by the method";
+    }
+    void set_whitelist(family f, const dh::Document& doc) {
+        calls.push_back(fmt::format("{} {}", static_cast<int>(f), to_json_text(doc)));
+    }
+    bool restore(bool reboot, unsigned int level) {
+        calls.push_back(fmt::format("{} {}", reboot ? "reboot" : "stay", level));
+        return level < 10;
+    }
+    std::string status_of(const std::string& name) {
+        check();
+        return name + " #" + std::to_string(++reads);
+    }
+    double get_margin() {
+        ++reads;
+        check();
+        return margin;
+    }
+};
+
+namespace {
+
+// A session that records the value of every event nodes deliver to it, as JSON text.
+class recording_session : public dh_session {
+  public:
+    void deliver(std::shared_ptr<const std::string> line) override {
+        std::lock_guard lock(mutex_);
+        values_.push_back(to_json_text(parse(*line)["params"]["value"]));
+    }
+    std::vector<std::string> values() const {
+        std::lock_guard lock(mutex_);
+        return values_;
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> values_;
+};
+
+// Subscribes `session` to `node`; answers what the subscription answered, as JSON text.
+std::string subscribe(dh_db_leaf_node& node, const std::shared_ptr<dh_session>& session) {
+    std::mutex m;
+    std::unique_lock lock(m);
+    dh::Document out;
+    node.subscribe(session, node.get_path(0), out.GetAllocator(), out, lock);
+    return to_json_text(out);
+}
+std::string read(dh_db_leaf_node& node) {
+    dh::Document out;
+    node.get(node.get_path(0), out.GetAllocator(), out);
+    return to_json_text(out);
+}
+void write(dh_db_leaf_node& node, const std::string& value) {
+    node.set("", parse(value));
+}
+std::string run(dh_db_leaf_node& node, const std::string& value) {
+    dh::Document out;
+    node.run("", parse(value), out.GetAllocator(), out);
+    return to_json_text(out);
+}
+std::string info(dh_db_leaf_node& node) {
+    dh::Document d;
+    return to_json_text(node.get_info(d.GetAllocator()));
+}
+template <class F>
+dh_error error_of(F&& f) {
+    try {
+        f();
+    } catch (const dh_error& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no dh_error";
+    return dh_error(0, "");
+}
+
+struct DhApi : ::testing::Test {
+    dh_db db;
+    std::shared_ptr<fake_handler> handler = std::make_shared<fake_handler>();
+    std::shared_ptr<recording_session> alice = std::make_shared<recording_session>();
+    std::shared_ptr<recording_session> bob = std::make_shared<recording_session>();
+};
+
+using strings = std::vector<std::string>;
+
+}  // namespace
+
+TEST(DhApiConversion, TypeNamesAcceptedValuesAndMismatches) {
+    const std::pair<const char*, const char*> names[] = {{"null", "null"},
+                                                         {"true", "bool"},
+                                                         {"{}", "object"},
+                                                         {"[]", "array"},
+                                                         {"\"x\"", "string"},
+                                                         {"4294967295", "32-bit unsigned integer"},
+                                                         {"-2147483648", "32-bit signed integer"},
+                                                         {"4294967296", "64-bit unsigned integer"},
+                                                         {"-2147483649", "64-bit signed integer"},
+                                                         {"1.0", "float"},
+                                                         {"3.4028234e38", "float"},
+                                                         {"1e300", "double"}};
+    for (const auto& [text, name] : names) EXPECT_EQ(json_type_name(parse(text)), name) << text;
+
+    EXPECT_EQ(from_json<unsigned>(parse("4294967295")), 4294967295u);
+    EXPECT_EQ(to_json_text(from_json<dh::Document>(parse("{\"a\":[1,2]}"))), "{\"a\":[1,2]}");
+    EXPECT_EQ(to_json_text(from_json<dh::Document>(parse(R"(" {\"k\": true} ")"))), "{\"k\":true}");
+
+    const std::tuple<std::function<void(const dh::Value&)>, const char*, const char*, const char*>
+        mismatches[] = {
+            {from_json<unsigned>, "-1", "uint", "32-bit signed integer"},
+            {from_json<unsigned>, "1.5", "uint", "float"},
+            {from_json<unsigned>, "4294967296", "uint", "64-bit unsigned integer"},
+            {from_json<unsigned>, "\"7\"", "uint", "string"},
+            {from_json<bool>, "1", "bool", "32-bit unsigned integer"},
+            {from_json<bool>, "null", "bool", "null"},
+            {from_json<dh::Document>, "\"not json\"", "stringified object or array", "string"},
+            {from_json<dh::Document>, "\"42\"", "stringified object or array", "string"},
+            {from_json<dh::Document>, "42", "object or array", "32-bit unsigned integer"},
+        };
+    for (const auto& [convert, text, expected, actual] : mismatches) {
+        try {
+            convert(parse(text));
+            ADD_FAILURE() << text << " accepted";
+        } catch (const json_value_conversion_error& e) {
+            EXPECT_EQ(e.expected, expected) << text;
+            EXPECT_EQ(e.actual, actual) << text;
+        }
+    }
+
+    dh::Document d;
+    const auto inf = std::numeric_limits<double>::infinity();
+    EXPECT_EQ(to_json_text(to_json_value(inf, d.GetAllocator())), "null");
+    EXPECT_EQ(to_json_text(to_json_value(family::ipv6, d.GetAllocator())), "1");
+}
+
+TEST_F(DhApi, ParameterWritesReachTheMethodOnlyWhenTheValueChanges) {
+    std::string name = "e13.21";
+    auto node = config_param<&fake_handler::set_enabled>::create(
+        db, "/config/" + name + "/adminStatus", handler, [] { return std::string("up"); },
+        std::string_view(name), 21);
+    name = "overwritten";  // the node keeps its own copy of the name
+    EXPECT_EQ(db.find_leaf_node("config/e13.21/adminStatus"), node);
+    EXPECT_EQ(subscribe(*node, alice), "\"up\"");
+    EXPECT_EQ(subscribe(*node, bob), "\"up\"");
+    EXPECT_EQ(alice->values(), strings{"\"up\""});  // each subscriber gets its own initial value
+
+    for (const char* value : {"\"up\"", "\"down\"", "\"down\""}) write(*node, value);
+    ASSERT_EQ(handler->calls, strings{"e13.21 21 down"});
+    EXPECT_EQ(read(*node), "\"down\"");
+    EXPECT_EQ(alice->values(), (strings{"\"up\"", "\"down\""}));
+    EXPECT_EQ(bob->values().size(), 2u);
+    auto history = db.history(10);
+    ASSERT_EQ(history.Size(), 1u);
+    EXPECT_EQ(to_json_text(history[0]["value"]), "\"down\"");
+
+    // A refusing method leaves the value and sends nothing.
+    handler->fail = true;
+    EXPECT_EQ(error_of([&] { write(*node, "\"bogus\""); }).message(), "refused");
+    EXPECT_EQ(read(*node), "\"down\"");
+    EXPECT_EQ(alice->values().size(), 2u);
+    EXPECT_EQ(db.history(10).Size(), 1u);
+
+    // Non-text values reach a text parameter as their JSON text.
+    handler->fail = false;
+    write(*node, "5");
+    write(*node, "{\"a\":1}");
+    EXPECT_EQ(handler->calls, (strings{"e13.21 21 down", "e13.21 21 5", "e13.21 21 {\"a\":1}"}));
+}
+
+TEST_F(DhApi, ParameterWithoutValueAndGoneHandler) {
+    auto node = config_param<&fake_handler::set_metric>::create(
+        db, "config/ospf/e2/metric", handler,
+        []() -> unsigned { throw dh_error(-5, "datastore down"); }, "e2");
+    EXPECT_EQ(read(*node), "null");
+    EXPECT_EQ(subscribe(*node, alice), "null");
+    EXPECT_TRUE(alice->values().empty());
+    EXPECT_THROW(write(*node, "-1"), json_value_conversion_error);
+    EXPECT_TRUE(handler->calls.empty());
+
+    log_capture logs;
+    write(*node, "7");
+    EXPECT_EQ(read(*node), "7");
+    EXPECT_EQ(read(*node), "7");
+    auto warnings =
+        logs.find("Configuration parameter read before being set, path = config/ospf/e2/metric");
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0].severity, 4);
+    EXPECT_EQ(warnings[0].channel, "config");
+
+    node->reset();
+    EXPECT_EQ(read(*node), "null");
+    handler.reset();
+    auto e = error_of([&] { write(*node, "8"); });
+    EXPECT_EQ(e.code(), -2);
+    EXPECT_EQ(e.message(), "Object has been removed");
+}
+
+TEST_F(DhApi, ParameterConversionsAndDescription) {
+    auto area = config_param<&fake_handler::set_area>::create(
+        db, "config/ospf/e27/areaId", handler, [] { return std::string(); }, "e27");
+    area->set_allowed_values({"0.0.0.0", "0.0.0.1"});
+    write(*area, "\"9.9.9.9\"");  // not an allowed value: the method decides
+    EXPECT_EQ(handler->calls.back(), "e27 9.9.9.9");
+    EXPECT_EQ(read(*area), "\"9.9.9.9\"");  // the method's change of its argument is not kept
+    EXPECT_EQ(
+        info(*area),
+        R"js({"path":"config/ospf/e27/areaId","description":"config value (read,write,subscribe)",)js"
+        R"("type":"config param","valueType":"string","capabilities":{"read":true,"write":true,)"
+        R"("subscribe":true},"defaultValue":"9.9.9.9","constraints":{"allowed":["0.0.0.0","0.0.0.1"]}})");
+    EXPECT_TRUE(area->is_async());
+
+    auto whitelist = config_param<&fake_handler::set_whitelist>::create(
+        db, "config/acl/whitelist", handler, nullptr, family::ipv4);
+    write(*whitelist, "\"[1,2]\"");
+    EXPECT_EQ(handler->calls.back(), "0 [1,2]");
+    EXPECT_THROW(write(*whitelist, "\"[1,\""), json_value_conversion_error);
+    EXPECT_EQ(read(*whitelist), "[1,2]");
+
+    auto metric =
+        config_param<&fake_handler::set_metric>::create(db, "config/m", handler, nullptr, "e3");
+    metric->set_grid_range(1, 65535, 1);
+    EXPECT_EQ(
+        info(*metric),
+        R"js({"path":"config/m","description":"config value (read,write,subscribe)","type":"config param",)js"
+        R"("valueType":"unsigned int","capabilities":{"read":true,"write":true,"subscribe":true},)"
+        R"("constraints":{"min":1,"max":65535,"grid":1}})");
+}
+
+TEST_F(DhApi, CommandRunsWithFixedArgumentsAndAnswersTheResult) {
+    auto restore = command<&fake_handler::restore>::create(db, "command/restoreFactoryDefaults",
+                                                           handler, true);
+    EXPECT_EQ(run(*restore, "3"), "true");
+    EXPECT_EQ(run(*restore, "12"), "false");
+    EXPECT_EQ(handler->calls, (strings{"reboot 3", "reboot 12"}));
+    EXPECT_THROW(run(*restore, "true"), json_value_conversion_error);
+    EXPECT_EQ(
+        info(*restore),
+        R"js({"path":"command/restoreFactoryDefaults","description":"command value returning response (write)",)js"
+        R"("type":"command","valueType":"unsigned int","returnType":"bool","capabilities":{"write":true}})");
+    EXPECT_EQ(error_of([&] { write(*restore, "1"); }).code(), -95);
+    handler.reset();
+    EXPECT_EQ(error_of([&] { run(*restore, "1"); }).message(), "Object has been removed");
+}
+
+TEST_F(DhApi, VolatileValueCallsTheMethodAtEveryRead) {
+    auto status = volatile_value<&fake_handler::status_of>::create(db, "data/e1/ipv4Settings",
+                                                                   handler, std::string("e1"));
+    EXPECT_EQ(read(*status), "\"e1 #1\"");
+    EXPECT_EQ(read(*status), "\"e1 #2\"");
+    EXPECT_EQ(info(*status),
+              R"js({"path":"data/e1/ipv4Settings","description":"volatile value (read)",)js"
+              R"("valueType":"string","capabilities":{"read":true}})");
+    EXPECT_TRUE(status->is_async());
+    handler->fail = true;
+    EXPECT_EQ(error_of([&] { read(*status); }).message(), "refused");
+    handler.reset();
+    EXPECT_EQ(error_of([&] { read(*status); }).code(), -2);
+}
+
+TEST_F(DhApi, StatusValueRisesAtOnceAndFallsAfterTheDelay) {
+    // Without subscribers nobody waits for an event: the value set is the value read.
+    auto node = status_value<bool>::create(db, "data/configStatus", false, 1);
+    node->set(true);
+    node->set(false);
+    EXPECT_EQ(read(*node), "false");
+    EXPECT_EQ(subscribe(*node, alice), "false");
+    EXPECT_EQ(subscribe(*node, bob), "false");
+
+    node->set(true);
+    EXPECT_EQ(read(*node), "true");
+    EXPECT_EQ(alice->values(), (strings{"false", "true"}));
+    EXPECT_EQ(bob->values().size(), 2u);
+    EXPECT_EQ(db.history(10).Size(), 1u);
+
+    node->set(false);
+    node->periodic_task(false);
+    EXPECT_EQ(read(*node), "true");
+    node->periodic_task(false);
+    EXPECT_EQ(alice->values(), (strings{"false", "true", "false"}));
+
+    // A fall undone within the delay reaches nobody.
+    node->set(true);
+    node->set(false);
+    node->periodic_task(false);
+    node->set(true);
+    node->periodic_task(false);
+    node->periodic_task(false);
+    EXPECT_EQ(alice->values().size(), 4u);
+    EXPECT_EQ(read(*node), "true");
+}
+
+using pushed_number = hysteresis_filtered_value<pushed_volatile_value_impl<double>>;
+using polled_margin =
+    hysteresis_filtered_value<polled_volatile_value_impl<&fake_handler::get_margin>>;
+
+TEST_F(DhApi, EqualFilterPublishesEveryChange) {
+    auto node = hysteresis_filtered_value<pushed_volatile_value_impl<std::string>>::create(
+        db, "data/e1/linkStatus");
+    auto e = error_of([&] { read(*node); });
+    EXPECT_EQ(e.code(), -61);
+    EXPECT_EQ(e.message(), "Value has not been set");
+    EXPECT_EQ(subscribe(*node, alice), "null");
+    for (const char* v : {"down", "down", "up"}) node->set_value(v);
+    EXPECT_EQ(read(*node), "\"up\"");
+    EXPECT_EQ(alice->values(), (strings{"\"down\"", "\"up\""}));
+    EXPECT_EQ(db.history(10).Size(), 2u);
+    EXPECT_EQ(
+        info(*node),
+        R"js({"path":"data/e1/linkStatus","description":"pushed value (read,subscribe)","valueType":"string",)js"
+        R"("capabilities":{"read":true,"subscribe":true},"type":"pushed value","hysteresis":{"filter":"equal"}})");
+    EXPECT_FALSE(node->is_async());
+}
+
+TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
+    auto node =
+        pushed_number::create(db, "data/t", hysteresis_filter<double>::make_default(5.0, 1.0, 2));
+    subscribe(*node, alice);
+    // Each step: a value set, ticks, then the published value.
+    // The first value is always published; 10.5 is below the delayed limit; 12.0 waits, and the
+    // wait goes on with 12.5, still far enough; 10.8 waits until 12.2, close to the published
+    // value, ends the wait; 20.0 is published at once.
+    const std::tuple<double, int, const char*> steps[] = {
+        {10.0, 0, "10.0"}, {10.5, 2, "10.0"}, {12.0, 1, "10.0"}, {12.5, 1, "12.5"},
+        {10.8, 1, "12.5"}, {12.2, 2, "12.5"}, {20.0, 0, "20.0"}};
+    for (const auto& [value, ticks, published] : steps) {
+        node->set_value(value);
+        for (int i = 0; i < ticks; ++i) node->periodic_task(false);
+        EXPECT_EQ(read(*node), published) << value;
+    }
+    EXPECT_EQ(alice->values(), (strings{"10.0", "12.5", "20.0"}));
+    EXPECT_EQ(to_json_text(parse(info(*node))["hysteresis"]),
+              R"({"filter":"default","ImmediateLimit":5.0,"delayedLimit":1.0,"delayCycles":2})");
+}
+
+TEST_F(DhApi, CustomFilterPublishesWhatItsPredicateAccepts) {
+    auto rising = pushed_number::create(
+        db, "data/r",
+        hysteresis_filter<double>::make_custom([](double p, double c) { return c > p; }));
+    for (double v : {5.0, 3.0, 7.0, 6.0}) rising->set_value(v);
+    EXPECT_EQ(read(*rising), "7.0");
+    EXPECT_EQ(rising->value(), 6.0);  // the last value set, published or not
+}
+
+TEST_F(DhApi, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors) {
+    auto node = polled_margin::create(db, "data/temperatureMargin", handler,
+                                      hysteresis_filter<double>::make_equal(), 3);
+    handler->margin = 4.0;
+    // Reads after each tick: the first tick polls, then every third; an immediate tick polls and
+    // starts the interval again.
+    const std::pair<bool, unsigned> ticks[] = {{false, 1}, {false, 1}, {false, 1}, {false, 2},
+                                               {true, 3},  {false, 3}, {false, 3}};
+    for (const auto& [immediate, reads] : ticks) {
+        node->periodic_task(immediate);
+        EXPECT_EQ(handler->reads, reads);
+    }
+    EXPECT_EQ(read(*node), "4.0");
+
+    log_capture logs;
+    handler->fail = true;
+    handler->margin = 9.0;
+    node->periodic_task(true);
+    node->periodic_task(true);
+    EXPECT_EQ(read(*node), "4.0");
+    handler->fail = false;
+    node->periodic_task(true);
+    EXPECT_EQ(read(*node), "9.0");
+    handler->fail = true;
+    node->periodic_task(true);
+    auto errors = logs.find("Polling data/temperatureMargin failed: -22 refused");
+    ASSERT_EQ(errors.size(), 2u);  // one per streak
+    EXPECT_EQ(errors[0].severity, 3);
+
+    handler->fail = false;
+    node->periodic_task(true);
+    handler.reset();
+    node->periodic_task(true);
+    EXPECT_EQ(read(*node), "9.0");
+    EXPECT_EQ(logs.find("Object has been removed").size(), 1u);
+}
+
+TEST_F(DhApi, PolledValueRunsOnItsGroupsWorker) {
+    value_group group(10, 0, 1);
+    auto node = polled_margin::create(db, "data/temperatureMargin", handler,
+                                      hysteresis_filter<double>::make_default(1.0, 0.5, 1), 2);
+    subscribe(*node, alice);
+    handler->margin = 3.0;
+    group.add_value(node, 1);
+    ASSERT_TRUE(wait_until([&] { return alice->values() == strings{"3.0"}; }));
+    handler->margin = 5.0;
+    ASSERT_TRUE(wait_until([&] { return alice->values() == strings{"3.0", "5.0"}; }));
+    EXPECT_EQ(
+        info(*node),
+        R"js({"path":"data/temperatureMargin","description":"polled value (read,subscribe)",)js"
+        R"("valueType":"double","capabilities":{"read":true,"subscribe":true},"pollInterval":20,)"
+        R"("type":"polled value","hysteresis":{"filter":"default","ImmediateLimit":1.0,)"
+        R"("delayedLimit":0.5,"delayCycles":1}})");
+    EXPECT_FALSE(node->is_async());
+}
+
+namespace {
+
+struct ticking_node : dh_db_leaf_node {
+    using dh_db_leaf_node::dh_db_leaf_node;
+    void periodic_task(bool immediate) override {
+        ticks += immediate ? 100 : 1;
+        if (fail) throw std::runtime_error("broken sensor");
+    }
+    std::atomic<unsigned> ticks{0};
+    std::atomic<bool> fail{false};
+};
+
+}  // namespace
+
+TEST(DhApiValueGroup, TicksMonitoredMembersAndSurvivesTheirFailures) {
+    dh_db db;
+    log_capture logs;
+    auto monitored = std::make_shared<ticking_node>(db, strings{"a"});
+    auto broken = std::make_shared<ticking_node>(db, strings{"b"});
+    auto plain = std::make_shared<ticking_node>(db, strings{"c"});
+    broken->fail = true;
+    value_group group(5, 0, 0);
+    group.add_value(monitored, 1);
+    group.add_value(broken, 1);
+    group.add_value(plain, 0);
+    EXPECT_EQ(group.size(), 3u);
+
+    ASSERT_TRUE(wait_until([&] { return monitored->ticks >= 5 && broken->ticks >= 5; }));
+    EXPECT_EQ(plain->ticks, 0u);
+    EXPECT_EQ(logs.find("Periodic task of b failed: broken sensor").size(), 1u);
+
+    broken.reset();
+    EXPECT_EQ(group.size(), 2u);
+    const unsigned seen = monitored->ticks;
+    ASSERT_TRUE(wait_until([&] { return monitored->ticks >= seen + 3; }));
+}
+
+TEST(DhApiValueGroup, StopsPromptlyAndRunsPostedJobsOnItsWorkers) {
+    dh_db db;
+    auto node = std::make_shared<ticking_node>(db, strings{"a"});
+    const auto start = std::chrono::steady_clock::now();
+    {
+        value_group group(60'000, 0, 2);
+        group.add_value(node, 1);
+        ASSERT_TRUE(wait_until([&] { return node->ticks == 1; }));  // phase 0: first tick now
+
+        std::atomic<bool> ran{false};
+        std::thread::id where;
+        group.post([&] {
+            where = std::this_thread::get_id();
+            ran = true;
+        });
+        group.post([] { throw std::runtime_error("ignored"); });
+        ASSERT_TRUE(wait_until([&] { return ran.load(); }));
+        EXPECT_NE(where, std::this_thread::get_id());
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    EXPECT_EQ(node->ticks, 1u);
+
+    // The first tick of a group with a phase waits for it.
+    value_group phased(5, 200, 0);
+    const auto added = std::chrono::steady_clock::now();
+    phased.add_value(node, 1);
+    ASSERT_TRUE(wait_until([&] { return node->ticks >= 2; }));
+    EXPECT_GE(std::chrono::steady_clock::now() - added, 190ms);
+}
+
+// The owner of a group may be released by a job running on the group's own worker.
+TEST(DhApiValueGroup, OwnerReleasedFromItsWorker) {
+    struct owner {
+        value_group group{5, 0, 1};
+    };
+    auto o = std::make_shared<owner>();
+    std::atomic<bool> done{false};
+    owner* raw = o.get();
+    raw->group.post([keep = std::move(o), &done]() mutable {
+        keep.reset();
+        done = true;
+    });
+    ASSERT_TRUE(wait_until([&] { return done.load(); }));
+}
