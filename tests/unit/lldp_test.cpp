@@ -20,12 +20,8 @@ TEST(LldpNeighbours, InterfaceArrayAndItsSplitByPort) {
         EXPECT_EQ(error_of([&] { lldp_neighbours::interfaces(bad); }),
                   "-22 Invalid json response: " + bad);
 
-    const auto ports = lldp_neighbours::by_port(lldp_neighbours::interfaces(two_ports));
-    ASSERT_EQ(ports.size(), 3u);
-    EXPECT_EQ(to_json(ports.at("e2")),
-              R"([{"chassis":{"sw-a":{}},"port":{"descr":"p1"}},{"chassis":{"sw-c":{}}}])");
-    EXPECT_EQ(to_json(ports.at("e1")), R"([{"chassis":{"sw-b":{}}}])");
-    // Elements without a member, or of another type, name no port.
+    // Elements without a member, or of another type, name no port (the split of a real answer
+    // shows in the per-port nodes below).
     EXPECT_TRUE(lldp_neighbours::by_port(
                     lldp_neighbours::interfaces(R"({"lldp":{"interface":[{},1,"e1"]}})"))
                     .empty());

@@ -80,10 +80,7 @@ TEST_F(NodeMap, InitialValuesComeFromTheStartUpDocuments) {
         {"config/e28/ipv4Settings",
          R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.0","interface":)"
          R"({"ipAddress":"10.0.28.1","netmask":"255.255.255.252"}})"},
-        {"config/e13.21/adminStatus", R"("up")"},
-        {"config/e12/mode", R"("mgmtAndTunnel")"},
         {"config/ospf/areaId", R"("0.0.0.1")"},
-        {"config/ospf/e12/adminStatus", R"("up")"},
         {"config/ntp/secondaryServer", R"("10.0.0.2")"},
     };
     for (auto [path, value] : values) EXPECT_EQ(read_node(db, path), value) << path;
