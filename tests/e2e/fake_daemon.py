@@ -1,15 +1,9 @@
 #!/usr/bin/python3
-"""A stand-in for the daemon, for the simulated device's own tests: it serves the daemon's
-socket and answers the JSON-RPC `get` of "data/configStatus" with true, so `devhost up` sees a
-ready daemon without the real one.
-
-It also answers `run` of "command/shell" by running the value as a command text through
-/bin/sh -c (as the daemon's system() and popen() calls do) and returning
-{"status": exit status, "stdout": output}, so tests can act exactly from the daemon's seat.
-
-Its first line on standard output is a JSON object with its arguments and environment.
-FAKE_DAEMON_MODE=exit makes it exit with status 3 at once (a daemon that dies at start).
-"""
+"""A stand-in for the daemon, for the simulated device's own tests. It serves the daemon's socket:
+`get` of "data/configStatus" answers true (so `devhost up` sees a ready daemon), and `run` of
+"command/shell" runs the value through /bin/sh -c, as the daemon's system() does, answering
+{"status": exit status, "stdout": output}. Its first output line is a JSON object with its
+arguments and environment; FAKE_DAEMON_MODE=exit makes it exit with status 3 at once."""
 
 import json
 import os
@@ -23,25 +17,19 @@ SOCKET = "/tmp/device_handlers/sysrepo/dh.sock"
 
 def answer(request):
     method, params = request.get("method"), request.get("params") or {}
-    path = params.get("path")
-    if method == "get" and path == "data/configStatus":
+    if method == "get" and params.get("path") == "data/configStatus":
         return {"result": True}
-    if method == "run" and path == "command/shell":
+    if method == "run" and params.get("path") == "command/shell":
         r = subprocess.run(["/bin/sh", "-c", params.get("value") or ""], capture_output=True, text=True)
         return {"result": {"status": r.returncode, "stdout": r.stdout}}
-    return {"error": {"code": -32001, "message": "No such node: %s" % path}}
+    return {"error": {"code": -32001, "message": "No such node: %s" % params.get("path")}}
 
 
 def serve(conn):
     with conn, conn.makefile("rwb") as f:
         for line in f:
-            try:
-                request = json.loads(line)
-            except ValueError:
-                reply = {"id": None, "error": {"code": -32700, "message": "Parse error"}}
-            else:
-                reply = dict(answer(request), id=request.get("id"))
-            f.write((json.dumps(dict(reply, jsonrpc="2.0")) + "\n").encode())
+            request = json.loads(line)
+            f.write((json.dumps(dict(answer(request), id=request.get("id"), jsonrpc="2.0")) + "\n").encode())
             f.flush()
 
 
@@ -56,10 +44,8 @@ def main():
     server = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     server.bind(SOCKET)
     server.listen(16)
-    print("fake daemon: listening on %s" % SOCKET, flush=True)
     while True:
-        conn, _ = server.accept()
-        threading.Thread(target=serve, args=(conn,), daemon=True).start()
+        threading.Thread(target=serve, args=(server.accept()[0],), daemon=True).start()
 
 
 if __name__ == "__main__":

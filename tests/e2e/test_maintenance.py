@@ -44,33 +44,23 @@ class MaintenanceTest(unittest.TestCase):
         self.assertGreaterEqual(reboot["time"] - asked, 0.45)
         self.assertIn("Rebooting the device in 500ms.", dev.log())
 
-        # Level 0: the operating-system reset is scheduled, nothing reboots.
-        mark = dev.mark()
-        self.assertIs(dev.run("command/restoreFactoryDefaults", 0), True)
-        self.wait_done(dev, 1)
-        self.assertEqual(maintenance_tools(dev.commands(mark)), [["/sbin/factory", "-r", "-y"]])
-
-        # Level 1 reboots even from deliveryClear.
-        mark = dev.mark()
-        self.assertIs(dev.run("command/deliveryClear", 1), True)
-        self.wait_done(dev, 2)
-        self.assertEqual(maintenance_tools(dev.commands(mark)), [["/sbin/factory", "-r", "-y"], ["/sbin/reboot"]])
-
-        # Level 2 from deliveryClear: startup from the factory datastore, a wipe, no reboot.
-        dev.exec("/bin/sh", "-c", "touch /home/user-file")
-        mark = dev.mark()
-        self.assertIs(dev.run("command/deliveryClear", 2), True)
-        self.assertEqual(dev.datastore("startup"), dev.datastore("factory-default"))
-        self.wait_done(dev, 3)
-        self.assertEqual(maintenance_tools(dev.commands(mark)), WIPE_TOOLS)
-        self.assertNotEqual(dev.exec("test", "-e", "/home/user-file").returncode, 0)
+        # Level 0 schedules the operating-system reset and reboots nothing; level 1 reboots even
+        # from deliveryClear; level 2 from deliveryClear writes startup from the factory datastore
+        # and wipes without a reboot; level 3 wipes and reboots, keeping no store keys.
+        factory = [["/sbin/factory", "-r", "-y"]]
+        levels = (("restoreFactoryDefaults", 0, factory), ("deliveryClear", 1, factory + [["/sbin/reboot"]]),
+                  ("deliveryClear", 2, WIPE_TOOLS), ("restoreFactoryDefaults", 3, WIPE_TOOLS + [["/sbin/reboot"]]))
+        for done, (command, level, tools) in enumerate(levels, 1):
+            dev.sh("touch /home/user-file")
+            mark = dev.mark()
+            self.assertIs(dev.run("command/" + command, level), True)
+            self.wait_done(dev, done)
+            self.assertEqual(maintenance_tools(dev.commands(mark)), tools, level)
+            wiped = dev.exec("test", "-e", "/home/user-file").returncode != 0
+            self.assertEqual(wiped, level >= 2, level)
+            if level == 2:
+                self.assertEqual(dev.datastore("startup"), dev.datastore("factory-default"))
         self.assertIn("Restore factory default is staring...", dev.log())
-
-        # Level 3 from restoreFactoryDefaults: the same wipe, then the reboot; no store keys.
-        mark = dev.mark()
-        self.assertIs(dev.run("command/restoreFactoryDefaults", 3), True)
-        self.wait_done(dev, 4)
-        self.assertEqual(maintenance_tools(dev.commands(mark)), WIPE_TOOLS + [["/sbin/reboot"]])
 
     def test_level_4_keeps_the_store_keys(self):
         dev = Device(self)
