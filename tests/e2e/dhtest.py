@@ -27,11 +27,6 @@ NSENTER_CMD = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/1/ns/net "
 NOT_ROOT = "end-to-end tests need root: they start the simulated device (devhost)"
 
 
-def require_root():
-    if os.geteuid() != 0:
-        raise unittest.SkipTest(NOT_ROOT)
-
-
 def wait_until(condition, timeout=10.0, message=None):
     """Polls condition() until it returns something true and returns that; fails the test
     after timeout seconds."""
@@ -121,15 +116,14 @@ class Client:
 class Device:
     """One simulated device with a daemon inside.
 
-    Written into DIR/sim before `up`: startup (a configuration document, which the running
-    datastore copies at up), sim_files ({path under DIR/sim: text or JSON value}) and fail
-    ({fault name: count or "always"}). env and daemon_args go to the daemon. The device comes up
-    at once unless up=False; with a test case it is removed when the test ends (otherwise call
-    remove()). Methods it lacks are those of its main client: dev.get(...), dev.run(...)."""
+    sim_files ({path under DIR/sim: text or JSON value}) are written before `up`, for instance
+    datastore/startup.json, which the running datastore copies at up. env and daemon_args go to
+    the daemon. The device comes up at once unless up=False; with a test case it is removed when
+    the test ends (otherwise call remove()). Methods it lacks are its main client's: dev.get()."""
 
-    def __init__(self, test=None, startup=None, sim_files=None, fail=None, env=None,
-                 daemon_args=(), daemon=None, up=True):
-        require_root()
+    def __init__(self, test=None, sim_files=None, env=None, daemon_args=(), daemon=None, up=True):
+        if os.geteuid() != 0:
+            raise unittest.SkipTest(NOT_ROOT)
         self.daemon = daemon or os.environ.get("DH_DAEMON") or os.path.join(
             REPO, "build", "bin", "sysrepo-device-handler")
         if daemon is None and not os.access(self.daemon, os.X_OK):
@@ -139,11 +133,7 @@ class Device:
         env_args = [arg for item in (env or {}).items() for arg in ("-e", "%s=%s" % item)]
         self.up_args = env_args + ["--"] + list(daemon_args)
         self._client = None
-        files = dict(sim_files or {})
-        if startup is not None:
-            files["datastore/startup.json"] = startup
-        files.update(("fail/" + name, "%s\n" % count) for name, count in (fail or {}).items())
-        for rel, content in files.items():
+        for rel, content in (sim_files or {}).items():
             self.write(rel, content)
         if test is not None:
             test.addCleanup(self.remove)

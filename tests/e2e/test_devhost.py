@@ -56,7 +56,7 @@ class IsolationTest(unittest.TestCase):
 class CommandLineTest(unittest.TestCase):
     def test_up_passes_arguments_and_restart_reuses_them(self):
         startup = {"ietf-system:system": {"hostname": "from-startup"}}
-        dev = Device(self, daemon=FAKE_DAEMON, startup=startup, env={"QMX_CONTROLLER_TYPE": "ILA"},
+        dev = Device(self, daemon=FAKE_DAEMON, sim_files={"datastore/startup.json": startup}, env={"QMX_CONTROLLER_TYPE": "ILA"},
                      daemon_args=["--port", "9711"])
         started = json.loads(dev.log().splitlines()[0])
         self.assertEqual(started["argv"][1:], ["--port", "9711"])

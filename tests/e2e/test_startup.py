@@ -85,7 +85,7 @@ class StartupTest(unittest.TestCase):
         self.assertNotIn("terminate called", dev.log())
 
     def test_failed_running_export_stops_start_up(self):
-        dev = Device(self, fail={"sysrepocfg-export-running": "always"}, up=False)
+        dev = Device(self, sim_files={"fail/sysrepocfg-export-running": "always\n"}, up=False)
         self.assertNotEqual(dev.up(check=False).returncode, 0)
         self.assertIn("Failed to call:", dev.log())
         self.assertNotIn("Listening on [::]", dev.log())
