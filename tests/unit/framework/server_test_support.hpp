@@ -3,7 +3,7 @@
 // Shared by the server and client tests: a raw line connection on real sockets, small node
 // kinds, and a fixture that runs a real server on a socket in a temporary directory.
 
-#include <netinet/in.h>
+#include <netdb.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -64,21 +64,14 @@ class line_client {
         sockaddr_un addr{};
         addr.sun_family = AF_UNIX;
         std::strncpy(addr.sun_path, path.c_str(), sizeof addr.sun_path - 1);
-        return open(AF_UNIX, &addr, sizeof addr);
+        return open(AF_UNIX, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
     }
-    static line_client tcp(unsigned port, bool ipv6 = false) {
-        if (ipv6) {
-            sockaddr_in6 addr{};
-            addr.sin6_family = AF_INET6;
-            addr.sin6_port = htons(static_cast<uint16_t>(port));
-            addr.sin6_addr = in6addr_loopback;
-            return open(AF_INET6, &addr, sizeof addr);
-        }
-        sockaddr_in addr{};
-        addr.sin_family = AF_INET;
-        addr.sin_port = htons(static_cast<uint16_t>(port));
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        return open(AF_INET, &addr, sizeof addr);
+    static line_client tcp(unsigned port, const char* host = "127.0.0.1") {
+        addrinfo* ai = nullptr;
+        if (::getaddrinfo(host, std::to_string(port).c_str(), nullptr, &ai) != 0)
+            throw std::runtime_error(std::string("no address ") + host);
+        std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> free(ai, ::freeaddrinfo);
+        return open(ai->ai_family, ai->ai_addr, ai->ai_addrlen);
     }
 
     // Sends everything; false when the peer has closed the connection meanwhile.
@@ -121,9 +114,9 @@ class line_client {
     void shutdown(int how = SHUT_WR) { ::shutdown(fd_, how); }
 
   private:
-    static line_client open(int family, const void* addr, socklen_t len) {
+    static line_client open(int family, const sockaddr* addr, socklen_t len) {
         line_client c(::socket(family, SOCK_STREAM, 0));
-        if (::connect(c.fd_, static_cast<const sockaddr*>(addr), len) != 0)
+        if (::connect(c.fd_, addr, len) != 0)
             throw std::runtime_error(std::string("connect: ") + std::strerror(errno));
         return c;
     }

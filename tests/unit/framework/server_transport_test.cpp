@@ -73,7 +73,7 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
 TEST_F(server_transport, Ipv6SocketOnOneInterface) {
     EXPECT_THROW(api_->start_ipv6_socket("no-such-if0"), std::system_error);
     api_->start_ipv6_socket("lo");
-    auto c = line_client::tcp(api_->tcp_port(), true);
+    auto c = line_client::tcp(api_->tcp_port(), "::1");
     EXPECT_TRUE(answers(c));
 }
 
