@@ -27,7 +27,7 @@ TEST_F(Datastore, ExportCommandTextsKeepTheDoubleBlankAndInvalidJsonThrowsOnlyTh
         log_capture logs;
         EXPECT_EQ(error_of([] { export_or_else_throw(datastore::operational, ""); }),
                   "22 Invalid json in response");
-        EXPECT_EQ(logs.find("Invalid json response: " + output), texts{"3 export_or_else_throw"});
+        EXPECT_EQ(logs.where("Invalid json response: " + output), texts{"3 export_or_else_throw"});
         EXPECT_TRUE(handler->export_data(false).IsNull());
     }
     fake->on("--export", fake_runner::reply{256, "{}"});
@@ -56,7 +56,7 @@ TEST_F(Datastore, ImportWritesCompactJsonToRunningThenStartup) {
     EXPECT_EQ(error_of([&] { handler->import_data(doc, false); }),
               "256 Failed to call: " + running);
     EXPECT_EQ(fake->commands(), texts{running});
-    EXPECT_EQ(logs.find(R"(Failed when trying to set: {"m:a":{"n":[1,2.5,"x"]}})"),
+    EXPECT_EQ(logs.where(R"(Failed when trying to set: {"m:a":{"n":[1,2.5,"x"]}})"),
               texts{"3 import_module"});
 }
 

@@ -17,13 +17,9 @@
 #include <rapidjson/pointer.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
-#include <boost/log/attributes/value_extraction.hpp>
-#include <boost/log/core.hpp>
-#include <boost/log/sinks/basic_sink_backend.hpp>
-#include <boost/log/sinks/sync_frontend.hpp>
-#include <boost/make_shared.hpp>
 
 #include "dh_error.hpp"
+#include "log_capture.hpp"
 #include "msg_log.hpp"
 #include "sysrepo_common.hpp"
 #include "sysrepo_device_handler.hpp"
@@ -111,43 +107,6 @@ class fake_runner : public sysrepo_common::command_runner {
     mutable std::mutex mutex_;  // guards both lists
     std::vector<call> calls_;
     std::vector<std::pair<std::string, rule>> rules_;
-};
-
-// Collects the log records written while it lives.
-class log_capture {
-  public:
-    log_capture() {
-        msg_log_slg::construct_logger();
-        boost::log::core::get()->add_sink(sink_);
-    }
-    ~log_capture() { boost::log::core::get()->remove_sink(sink_); }
-
-    // "<severity> <channel>" of each record whose message contains `needle`.
-    texts find(const std::string& needle) const {
-        std::lock_guard lock(backend_->mutex);
-        texts out;
-        for (const auto& [message, where] : backend_->records)
-            if (message.find(needle) != std::string::npos) out.push_back(where);
-        return out;
-    }
-
-  private:
-    struct backend
-        : boost::log::sinks::basic_sink_backend<boost::log::sinks::synchronized_feeding> {
-        void consume(const boost::log::record_view& rec) {
-            using boost::log::extract_or_default;
-            std::lock_guard lock(mutex);
-            records.emplace_back(
-                extract_or_default<std::string>("Message", rec, std::string()),
-                std::to_string(extract_or_default<int>("Severity", rec, -1)) + " " +
-                    extract_or_default<std::string>("Channel", rec, std::string()));
-        }
-        std::mutex mutex;
-        std::vector<std::pair<std::string, std::string>> records;
-    };
-    boost::shared_ptr<backend> backend_ = boost::make_shared<backend>();
-    boost::shared_ptr<boost::log::sinks::synchronous_sink<backend>> sink_ =
-        boost::make_shared<boost::log::sinks::synchronous_sink<backend>>(backend_);
 };
 
 inline std::string to_json(const dh::Value& v) {

@@ -59,9 +59,9 @@ TEST_F(Maintenance, FactoryDefaultSequencesPerLevel) {
     }
     unsetenv("REDIS_CONF_HASH_TAG");
     ASSERT_TRUE(eventually(
-        [&] { return logs.find("Restore factory default is done.").size() == runs.size(); }, 15s));
+        [&] { return logs.where("Restore factory default is done.").size() == runs.size(); }, 15s));
     // A failing command is logged and the sequence goes on.
-    EXPECT_EQ(logs.find("Unable to run command: /bin/sync"), texts(4, "3 run_system_command"));
+    EXPECT_EQ(logs.where("Unable to run command: /bin/sync"), texts(4, "3 run_system_command"));
 
     std::lock_guard lock(mutex);
     std::map<std::thread::id, texts> by_thread;
@@ -125,13 +125,13 @@ TEST_F(Maintenance, RebootRunsLaterOnItsOwnThreadAndLogsFailure) {
     EXPECT_TRUE(handler->run_reboot_command(false));
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 400ms);
     ASSERT_TRUE(eventually([&] {
-        return logs.find("Failed to reboot the device, error: Failed to call: " + ns + "reboot")
+        return logs.where("Failed to reboot the device, error: Failed to call: " + ns + "reboot")
                    .size() == 1;
     }));
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 500ms);
     ASSERT_EQ(fake->calls().size(), 1u);
     EXPECT_EQ(fake->calls()[0].kind, fake_runner::call::capture);
-    EXPECT_EQ(logs.find("Rebooting the device in 500ms."), texts{"3 run_reboot_command"});
+    EXPECT_EQ(logs.where("Rebooting the device in 500ms."), texts{"3 run_reboot_command"});
 }
 
 TEST_F(Maintenance, TechlogRefusesBadDocumentsBeforeRunning) {
@@ -173,15 +173,15 @@ TEST_F(Maintenance, ScriptOutcomesAndErrorFile) {
     };
     run();
     EXPECT_TRUE(fs::is_directory(log_dir));
-    EXPECT_EQ(logs.find("MSG_PERSISTENT - Successfully executed script: ERR_MSG_FILE=").size(), 1u);
+    EXPECT_EQ(logs.where("MSG_PERSISTENT - Successfully executed script: ERR_MSG_FILE=").size(), 1u);
     outcome = 1;
     EXPECT_EQ(error_of(run), "-14 Failed to execute the upgrade script!");
     outcome = 2;
     EXPECT_EQ(error_of(run), "-14 Failed to execute the upgrade script: first line\nsecond line\n");
     EXPECT_FALSE(fs::exists(error_file));
-    EXPECT_EQ(logs.find("MSG_PERSISTENT - Return code: 256 msg: first line\nsecond"),
+    EXPECT_EQ(logs.where("MSG_PERSISTENT - Return code: 256 msg: first line\nsecond"),
               texts{"6 techlog"});
-    EXPECT_EQ(logs.find("MSG_PERSISTENT - Failed to execute script: ").size(), 2u);
+    EXPECT_EQ(logs.where("MSG_PERSISTENT - Failed to execute script: ").size(), 2u);
     fs::remove_all(dir);
 }
 

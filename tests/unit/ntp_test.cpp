@@ -132,7 +132,7 @@ TEST_F(Ntp, AdminStatusIsCaseSensitiveAndLogged) {
     log_capture logs;
     const std::string message = "ntp admin status should be either 'up' or 'down' , not:Up";
     EXPECT_EQ(error_of([&] { handler->set_ntp_adminStatus("Up"); }), "-22 " + message);
-    EXPECT_EQ(logs.find(message), texts{"3 set_ntp_adminStatus"});
+    EXPECT_EQ(logs.where(message), texts{"3 set_ntp_adminStatus"});
     EXPECT_TRUE(fake->calls().empty());
 
     handler->set_ntp_adminStatus("up");

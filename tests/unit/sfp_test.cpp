@@ -85,7 +85,7 @@ TEST_F(Sfp, PropertyCacheAndErrors) {
 
     EXPECT_EQ(error_of([&] { reader->parse_string_from_property("Nothing", "e14"); }),
               "-22 Failed to get SFP info. Failed to call: " + ns + " ethtool -m e14 2>/dev/null");
-    EXPECT_TRUE(logs.find("Failed to call").empty());  // an empty port is not an error
+    EXPECT_TRUE(logs.where("Failed to call").empty());  // an empty port is not an error
     set_module("e14", module_text());
     EXPECT_EQ(error_of([&] { reader->parse_string_from_property("Nothing", "e14"); }),
               "-22 Could not find property in cache.");
@@ -147,14 +147,14 @@ TEST_F(Sfp, NodesFollowInsertionAndRemoval) {
     set_module("e15", module_text("-50.0"));
     ASSERT_TRUE(eventually([&] { return read_node(db, "data/e15/sfp/rxPower") == "-99.0"; }));
     EXPECT_EQ(read_node(db, "e15/sfp/inventory/serialNumber"), R"("SN123456")");
-    EXPECT_EQ(logs.find("SFP+ e15 present.").size(), 1u);
+    EXPECT_EQ(logs.where("SFP+ e15 present.").size(), 1u);
 
     set_module("e13", std::nullopt);
     ASSERT_TRUE(eventually([&] { return read_node(db, "e13/sfp/present") == "false"; }));
     ASSERT_TRUE(
         eventually([&] { return read_node(db, "e13/sfp/inventory/serialNumber") == R"("")"; }));
     EXPECT_EQ(read_node(db, "e13/sfp/inventory/description"), R"("")");
-    EXPECT_EQ(logs.find("SFP+ e13 not present.").size(), 1u);
+    EXPECT_EQ(logs.where("SFP+ e13 not present.").size(), 1u);
 
     // The poll thread leaves at once when the reader goes.
     const auto t0 = std::chrono::steady_clock::now();

@@ -91,9 +91,9 @@ TEST_F(Images, InstallIsVerifiedAndPassesEveryStatusText) {
               "Succsessfully verified the activation of the installation to slot target : "
               "secondary");
     EXPECT_EQ(
-        logs.find("Failed verifing the installation output message to slot target : secondary"),
+        logs.where("Failed verifing the installation output message to slot target : secondary"),
         texts{"4 run_rauc_install_command"});
-    EXPECT_EQ(logs.find("Installing pell image from url: http://host/b.raucb?v=2").size(), 1u);
+    EXPECT_EQ(logs.where("Installing pell image from url: http://host/b.raucb?v=2").size(), 1u);
 
     // Brackets pass, and an extra package of another type is ignored.
     fake->clear();

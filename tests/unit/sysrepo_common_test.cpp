@@ -63,10 +63,10 @@ TEST(Exec, OutputUnchangedFailuresAsMinusOneAndLoggedWhenAsked) {
     log_capture logs;
     EXPECT_EQ(error_of([] { sc::exec("echo partial; exit 1", true); }),
               "-1 Failed to call: echo partial; exit 1");
-    EXPECT_EQ(logs.find("Failed to call: echo partial; exit 1 (sysrepo_common.cpp:"),
+    EXPECT_EQ(logs.where("Failed to call: echo partial; exit 1 (sysrepo_common.cpp:"),
               texts{"3 exec"});
     EXPECT_EQ(error_of([] { sc::exec("exit 7", false); }), "-1 Failed to call: exit 7");
-    EXPECT_TRUE(logs.find("exit 7").empty());
+    EXPECT_TRUE(logs.where("exit 7").empty());
 }
 
 TEST(Exec, FeedsStandardInputAndReportsRawStatus) {
@@ -79,7 +79,7 @@ TEST(Exec, FeedsStandardInputAndReportsRawStatus) {
     log_capture logs;
     EXPECT_EQ(error_of([] { sc::exec("cat >/dev/null; exit 1", std::string_view("x")); }),
               "256 Failed to call: cat >/dev/null; exit 1");
-    EXPECT_EQ(logs.find("Failed to call: cat >/dev/null; exit 1"), texts{"3 exec"});
+    EXPECT_EQ(logs.where("Failed to call: cat >/dev/null; exit 1"), texts{"3 exec"});
     EXPECT_EQ(error_of([] { sc::exec("cat >/dev/null; exit 3", std::string_view("")); }),
               "768 Failed to call: cat >/dev/null; exit 3");
 }
@@ -101,13 +101,13 @@ TEST(CommandSeam, PipeNotOpenedAndRealRunnerBack) {
     auto previous = sc::set_command_runner(std::make_shared<broken_runner>());
     log_capture logs;
     EXPECT_EQ(error_of([] { sc::exec("some tool", true); }), "-1 Failed to call: some tool");
-    EXPECT_EQ(logs.find("Failed to call: some tool"), texts{"3 exec"});
+    EXPECT_EQ(logs.where("Failed to call: some tool"), texts{"3 exec"});
     EXPECT_EQ(error_of([] { sc::exec("quiet tool", false); }), "-1 Failed to call: quiet tool");
-    EXPECT_TRUE(logs.find("quiet tool").empty());
+    EXPECT_TRUE(logs.where("quiet tool").empty());
     // The input overload spells its message differently on this path only, and always logs.
     EXPECT_EQ(error_of([] { sc::exec("importer", std::string_view("{}")); }),
               "-1 Faild to call: importer");
-    EXPECT_EQ(logs.find("Faild to call: importer"), texts{"3 exec"});
+    EXPECT_EQ(logs.where("Faild to call: importer"), texts{"3 exec"});
 
     // nullptr brings the real runner back.
     sc::set_command_runner(nullptr);

@@ -35,7 +35,7 @@ TEST_F(SystemServices, CliCommandRunsInKlishAndDropsTheGreeting) {
     for (const std::string cmd : {"show [x]", "x'; touch /tmp/canary; '", "show\nreboot"}) {
         const std::string message = "Invalid cli command: \"" + cmd + "\".";
         EXPECT_EQ(error_of([&] { handler->run_cli_command(cmd); }), "-22 " + message);
-        EXPECT_EQ(logs.find(message).size(), 1u);
+        EXPECT_EQ(logs.where(message).size(), 1u);
     }
     EXPECT_TRUE(fake->calls().empty());
 }

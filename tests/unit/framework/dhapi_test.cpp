@@ -6,7 +6,7 @@
 #include <fmt/format.h>
 
 #include "dh_api/dh_api.hpp"
-#include "log_capture.hpp"
+#include "../log_capture.hpp"
 #include "server_test_support.hpp"
 
 using namespace dh::api;
