@@ -38,6 +38,10 @@ def wait_until(condition, timeout=10.0, message=None):
     return value
 
 
+SANITIZER_MARKERS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+                     "runtime error:")
+
+
 class RpcError(Exception):
     def __init__(self, error):
         super().__init__("%s (%s)" % (error.get("message"), error.get("code")))
@@ -175,11 +179,21 @@ class Device:
         """Stops the daemon (SIGTERM) and the sandbox; nothing to do when it is not up."""
         self.close_client()
         self.devhost("down", check=False)
+        self.check_sanitizers("log/daemon.log")
 
     def restart(self):
         """down and up with the same arguments; the datastores and DIR/sim stay."""
         self.close_client()
         self.devhost("restart")
+        self.check_sanitizers("log/daemon.log.1")  # the stopped daemon's log, rotated at up
+
+    def check_sanitizers(self, rel):
+        """Fails when a sanitized daemon reported a fault: the daemon may have kept answering."""
+        text = self.read(rel, "")
+        found = next((m for m in SANITIZER_MARKERS if m in text), None)
+        if found:
+            start = text.index(found)
+            raise AssertionError("sanitizer report in %s:\n%s" % (rel, text[start:start + 4000]))
 
     def remove(self):
         try:
