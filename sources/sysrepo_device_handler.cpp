@@ -14,6 +14,9 @@ sysrepo_device_handler::sysrepo_device_handler(dh_db& db)
     : db(db),
       config_status(dh::api::status_value<bool>::create(db, "data/configStatus", false, 1)),
       sfp_reader(std::make_shared<sfp_plus_data_reader>(db)) {
+    // Ticked by the value group, so that a fall of the status would reach subscribers after its
+    // delay; the rise at the end of start() is published at once.
+    group.add_value(config_status, 1);
     std::cout << "sysrepo-device-handler created\n" << std::flush;
 }
 
