@@ -151,7 +151,7 @@ TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
     EXPECT_EQ(mode("e1") + " " + mode("e11") + " " + mode("e12") + " " + mode("e4"),
               "tunnelOnly mgmtOnly mgmtAndTunnel unknown");
     EXPECT_EQ(logs.where("Unknown interface mode for e4: br0=false, fw=true, fw_vlan=true, "
-                        "ospf_tunnel_mode=tunnel"),
+                         "ospf_tunnel_mode=tunnel"),
               texts{"4 interface_mode"});
     EXPECT_EQ(error_of([&] { mode("e13"); }), "-22 Invalid interface name: e13");
 

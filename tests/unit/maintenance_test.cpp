@@ -173,7 +173,8 @@ TEST_F(Maintenance, ScriptOutcomesAndErrorFile) {
     };
     run();
     EXPECT_TRUE(fs::is_directory(log_dir));
-    EXPECT_EQ(logs.where("MSG_PERSISTENT - Successfully executed script: ERR_MSG_FILE=").size(), 1u);
+    EXPECT_EQ(logs.where("MSG_PERSISTENT - Successfully executed script: ERR_MSG_FILE=").size(),
+              1u);
     outcome = 1;
     EXPECT_EQ(error_of(run), "-14 Failed to execute the upgrade script!");
     outcome = 2;

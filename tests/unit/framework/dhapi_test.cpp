@@ -5,8 +5,8 @@
 
 #include <fmt/format.h>
 
-#include "dh_api/dh_api.hpp"
 #include "../log_capture.hpp"
+#include "dh_api/dh_api.hpp"
 #include "server_test_support.hpp"
 
 using namespace dh::api;
