@@ -3,7 +3,7 @@
 `get` of "data/configStatus" answers true (so `devhost up` sees a ready daemon), and `run` of
 "command/shell" runs the value through /bin/sh -c, as the daemon's system() does, answering
 {"status": exit status, "stdout": output}. Its first output line is a JSON object with its
-arguments and environment; FAKE_DAEMON_MODE=exit makes it exit with status 3 at once."""
+arguments and environment."""
 
 import json
 import os
@@ -35,9 +35,6 @@ def serve(conn):
 
 def main():
     print(json.dumps({"argv": sys.argv, "env": dict(os.environ)}), flush=True)
-    if os.environ.get("FAKE_DAEMON_MODE") == "exit":
-        print("fake daemon: exiting at start as asked", flush=True)
-        return 3
     os.makedirs(os.path.dirname(SOCKET), exist_ok=True)
     if os.path.exists(SOCKET):
         os.unlink(SOCKET)

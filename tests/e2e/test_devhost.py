@@ -1,7 +1,6 @@
 """The simulated device itself, with a stand-in daemon (fake_daemon.py): isolation from the host,
-the command line, and the rules of the simulated tools that the daemon's tests rely on without
-checking them (strict imports, fault counts, the command log). What the tools answer is checked
-by the daemon's own tests."""
+the command line, and the rules of the simulated tools that the daemon's tests rely on (strict
+imports, fault counts, the command log)."""
 
 import concurrent.futures
 import json
@@ -13,7 +12,7 @@ import dhtest
 from dhtest import FAKE_DAEMON, NSENTER_CMD, Device
 
 
-class IsolationTest(unittest.TestCase):
+class DevhostTest(unittest.TestCase):
     def test_factory_reset_inside_leaves_the_host_untouched(self):
         canary = "/home/devhost-canary-" + secrets.token_hex(6)
         with open(canary, "w") as f:
@@ -21,8 +20,7 @@ class IsolationTest(unittest.TestCase):
         self.addCleanup(os.unlink, canary)
         with open("/etc/resolv.conf", "rb") as f:
             resolv = f.read()
-        one = Device(self, daemon=FAKE_DAEMON)
-        two = Device(self, daemon=FAKE_DAEMON)
+        one, two = Device(self, daemon=FAKE_DAEMON), Device(self, daemon=FAKE_DAEMON)
 
         # From the daemon's seat, through the exact host-namespace prefix it uses.
         r = one.run("command/shell", NSENTER_CMD + " rm -rf /home/* /var/log/* /var/persistent/etc/* 2>/dev/null;"
@@ -37,8 +35,7 @@ class IsolationTest(unittest.TestCase):
             self.assertEqual(f.read(), resolv)
         # A second device running at the same time is a world of its own.
         self.assertFalse(os.path.exists("/etc/devhost-one"))
-        self.assertEqual(two.exec("test", "-e", "/etc/devhost-one").returncode, 1)
-        self.assertNotIn("203.0.113.9", two.sh("cat /etc/resolv.conf").stdout)
+        self.assertNotRegex(two.sh("ls /etc/devhost-one; cat /etc/resolv.conf").stdout, "devhost-one|203.0.113.9")
         self.assertEqual(two.sh("redis-cli -p 50001 ping").stdout, "PONG\n")
         self.assertEqual([e["argv"] for e in one.commands(program="reboot")], [["reboot"], ["/sbin/reboot"]])
         self.assertEqual(two.commands(program="reboot"), [])
@@ -47,56 +44,30 @@ class IsolationTest(unittest.TestCase):
         dev = Device(self, daemon=FAKE_DAEMON, sim_files={"files/sbin/reboot": "#!/bin/sh\necho rebooting\n"}, up=False)
         os.chmod(dev.path("files", "sbin", "reboot"), 0o755)
         r = dev.up(check=False)
-        self.assertEqual(r.returncode, 1)
+        self.assertEqual((r.returncode, dev.log()), (1, ""))
         self.assertIn("'reboot' inside the sandbox is not the simulated one", r.stderr)
-        self.assertEqual(dev.log(), "", "the daemon must not have been started")
-        self.assertNotEqual(dev.exec("true").returncode, 0)
 
-
-class CommandLineTest(unittest.TestCase):
-    def test_up_passes_arguments_and_restart_reuses_them(self):
+    def test_restart_reuses_arguments_and_running_starts_from_startup(self):
         startup = {"ietf-system:system": {"hostname": "from-startup"}}
-        dev = Device(self, daemon=FAKE_DAEMON, sim_files={"datastore/startup.json": startup}, env={"QMX_CONTROLLER_TYPE": "ILA"},
-                     daemon_args=["--port", "9711"])
-        started = json.loads(dev.log().splitlines()[0])
-        self.assertEqual(started["argv"][1:], ["--port", "9711"])
-        self.assertEqual(started["env"]["QMX_CONTROLLER_TYPE"], "ILA")
-        self.assertEqual(dev.datastore("running"), startup)
-
-        # The running datastore starts again from startup at every up.
+        dev = Device(self, daemon=FAKE_DAEMON, sim_files={"datastore/startup.json": startup},
+                     env={"QMX_CONTROLLER_TYPE": "ILA"}, daemon_args=["--port", "9711"])
         dev.write("datastore/running.json", {"ietf-system:system": {"hostname": "changed"}})
         dev.restart()
+        started = json.loads(dev.log().splitlines()[0])
+        self.assertEqual((started["argv"][1:], started["env"]["QMX_CONTROLLER_TYPE"]), (["--port", "9711"], "ILA"))
         self.assertEqual(dev.datastore("running"), startup)
-        self.assertEqual(json.loads(dev.log().splitlines()[0])["argv"][1:], ["--port", "9711"])
-        self.assertEqual(dev.get("data/configStatus"), True)
 
-        r = dev.exec("sh", "-c", "cat; exit 7", input="through\n")
-        self.assertEqual((r.returncode, r.stdout), (7, "through\n"))
-
-    def test_up_fails_when_the_daemon_exits(self):
-        dev = Device(self, daemon=FAKE_DAEMON, env={"FAKE_DAEMON_MODE": "exit"}, up=False)
-        r = dev.up(check=False)
-        self.assertEqual(r.returncode, 1)
-        self.assertIn("fake daemon: exiting at start as asked", r.stderr)
-        self.assertEqual(r.stderr.splitlines()[-1], "devhost: the daemon exited with status 3 before it was ready")
-        self.assertNotEqual(dev.exec("true").returncode, 0, "the sandbox must be torn down")
-        self.assertTrue(os.path.exists(dev.path("datastore", "startup.json")), "DIR/sim stays")
-
-
-class ToolsTest(unittest.TestCase):
     def test_strict_imports_fault_injection_and_command_log(self):
         dev = Device(self, daemon=FAKE_DAEMON)
         # Bad documents and options are refused as the device's tools refuse them.
         startup, mark = dev.datastore("startup"), dev.mark()
         documents = ['[1, 2]', '{"no-module": {}}', '{"a:b": {"x": 1, "x": 2}}', '{"a:b": ']
         for bad in documents:
-            r = dev.sh(NSENTER_CMD + " sysrepocfg --import -f json -d startup -t 30", input=bad)
-            self.assertEqual(r.returncode, 1, bad)
+            self.assertEqual(dev.sh(NSENTER_CMD + " sysrepocfg --import -f json -d startup -t 30", input=bad).returncode, 1)
         self.assertEqual(dev.datastore("startup"), startup)
         self.assertEqual([(e["stdin"], e["status"]) for e in dev.commands(mark)], [(d, 1) for d in documents])
         for bad in ("-x '/ietf-interfaces:interfaces/interface'", "-d ru -d x", "-d xyz"):
-            r = dev.sh("sysrepocfg --export -f json " + bad)
-            self.assertEqual((r.returncode, r.stdout, len(r.stderr.splitlines())), (1, "", 1), bad)
+            self.assertEqual(dev.sh("sysrepocfg --export -f json " + bad).returncode, 1, bad)
 
         # A fault hits its own step for its count of runs, and every run is logged.
         mark = dev.mark()
