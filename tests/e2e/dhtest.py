@@ -1,13 +1,6 @@
 """Harness of the end-to-end tests: a simulated device (devhost) with the daemon inside, a
-JSON-RPC client for the daemon's socket, and helpers to look at the device's state.
-
-    dev = dhtest.Device(self)              # up now, removed when the test ends
-    dev.set("config/ntp/primaryServer", "10.0.0.1")
-    ntp = dev.datastore("running")["ietf-system:system"]["ntp"]
-
-The tests need root (devhost creates namespaces); without it they are skipped. The daemon is
-$DH_DAEMON or build/bin/sysrepo-device-handler; devhost is $DEVHOST or devhost/devhost.
-"""
+JSON-RPC client for the daemon's socket, and helpers to look at the device's state (see
+docs/devhost.md). The tests need root; without it they are skipped."""
 
 import json
 import os
@@ -25,21 +18,18 @@ DEVHOST = os.environ.get("DEVHOST") or os.path.join(REPO, "devhost", "devhost")
 FAKE_DAEMON = os.path.join(HERE, "fake_daemon.py")
 NSENTER_CMD = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/1/ns/net "
 NOT_ROOT = "end-to-end tests need root: they start the simulated device (devhost)"
+SANITIZER_MARKERS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
+                     "runtime error:")
 
 
 def wait_until(condition, timeout=10.0, message=None):
-    """Polls condition() until it returns something true and returns that; fails the test
-    after timeout seconds."""
+    """Polls condition() until it returns something true and returns that; fails after timeout s."""
     deadline = time.monotonic() + timeout
     while not (value := condition()):
         if time.monotonic() > deadline:
             raise AssertionError(message or "condition not met within %.1f s" % timeout)
         time.sleep(0.05)
     return value
-
-
-SANITIZER_MARKERS = ("ERROR: AddressSanitizer", "ERROR: LeakSanitizer", "WARNING: ThreadSanitizer",
-                     "runtime error:")
 
 
 class RpcError(Exception):
@@ -49,8 +39,7 @@ class RpcError(Exception):
 
 
 class Client:
-    """A JSON-RPC connection to the daemon. Events that arrive while a call waits for its answer
-    are queued for wait_event."""
+    """A JSON-RPC connection to the daemon; events that arrive while a call waits are queued."""
 
     def __init__(self, path, timeout=20.0):
         self.sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -58,7 +47,6 @@ class Client:
         self.timeout, self.next_id, self.buf, self.events = timeout, 0, b"", []
 
     def _receive(self, deadline, what):
-        """The next message, or the end of the test when none comes before deadline."""
         while b"\n" not in self.buf:
             left = deadline - time.monotonic()
             if left <= 0:
@@ -85,7 +73,7 @@ class Client:
         self.sock.sendall((json.dumps(request) + "\n").encode())
         deadline = time.monotonic() + (timeout or self.timeout)
         msg = {}
-        while msg.get("id") != self.next_id:  # events meanwhile are queued
+        while msg.get("id") != self.next_id:
             msg = self._receive(deadline, "no answer to %s %s" % (method, params))
         if "error" in msg:
             raise RpcError(msg["error"])
@@ -103,6 +91,14 @@ class Client:
     def subscribe(self, path):
         return self.call("subscribe", {"path": path})
 
+    def error(self, method, path, value=None, timeout=None):
+        """(code, message) of a set or run that must be refused."""
+        try:
+            self.call(method, {"path": path, "value": value}, timeout)
+        except RpcError as e:
+            return e.code, e.message
+        raise AssertionError("%s %s %r was accepted" % (method, path, value))
+
     def wait_event(self, path, predicate=lambda value: True, timeout=10.0):
         """Removes and returns the first event of path whose value satisfies predicate."""
         deadline = time.monotonic() + timeout
@@ -118,12 +114,9 @@ class Client:
 
 
 class Device:
-    """One simulated device with a daemon inside.
-
-    sim_files ({path under DIR/sim: text or JSON value}) are written before `up`, for instance
-    datastore/startup.json, which the running datastore copies at up. env and daemon_args go to
-    the daemon. The device comes up at once unless up=False; with a test case it is removed when
-    the test ends (otherwise call remove()). Methods it lacks are its main client's: dev.get()."""
+    """One simulated device with a daemon inside; sim_files ({path under DIR/sim: text or JSON})
+    are written before `up`. With a test case it is removed when the test ends. Methods it lacks
+    are its main client's: dev.get()."""
 
     def __init__(self, test=None, sim_files=None, env=None, daemon_args=(), daemon=None, up=True):
         if os.geteuid() != 0:
@@ -153,7 +146,6 @@ class Device:
         return os.path.join(self.dir, "sim", *parts)
 
     def write(self, rel, content):
-        """Writes a file under DIR/sim; a value that is not text is written as JSON."""
         os.makedirs(os.path.dirname(self.path(rel)), exist_ok=True)
         with open(self.path(rel), "w") as f:
             f.write(content if isinstance(content, str) else json.dumps(content, indent=2) + "\n")
@@ -176,7 +168,6 @@ class Device:
         return self.devhost("up", *self.up_args, check=check)
 
     def down(self):
-        """Stops the daemon (SIGTERM) and the sandbox; nothing to do when it is not up."""
         self.close_client()
         self.devhost("down", check=False)
         self.check_sanitizers("log/daemon.log")
@@ -208,7 +199,7 @@ class Device:
         return self._client
 
     def connect(self):
-        """A further connection of its own (for subscriptions apart from the main client)."""
+        """A further connection (for subscriptions apart from the main client)."""
         return Client(self.socket_path)
 
     def close_client(self):
@@ -217,7 +208,6 @@ class Device:
             self._client = None
 
     def datastore(self, name):
-        """A datastore document (running, startup, operational, factory-default)."""
         text = self.read("datastore/%s.json" % name)
         return json.loads(text) if text and text.strip() else {}
 
@@ -230,19 +220,16 @@ class Device:
         return len(self.commands())
 
     def commands(self, since=0, program=None):
-        """Entries of commands.log after position since; program keeps those whose argv[0]
-        ends with that name."""
+        """commands.log entries after since; program keeps those whose argv[0] ends with that name."""
         lines = self.read("log/commands.log", "").splitlines()
         entries = [json.loads(line) for line in lines if line.strip()][since:]
         return [e for e in entries if program is None or os.path.basename(e["argv"][0]) == program]
 
     def wait_command(self, predicate, since=0, timeout=10.0):
-        """Waits for a commands.log entry after since that satisfies predicate(entry)."""
         return wait_until(lambda: next((e for e in self.commands(since) if predicate(e)), None),
                           timeout, "no matching command in commands.log within %.1f s" % timeout)
 
     def log(self):
-        """The daemon's standard output and error so far."""
         return self.read("log/daemon.log", "")
 
     def exec(self, *argv, input=None):
@@ -250,7 +237,6 @@ class Device:
         return self.devhost("exec", "--", *argv, check=False, input=input)
 
     def sh(self, command, input=None):
-        """Runs a shell command text inside the device, as the daemon's system() would."""
         return self.exec("/bin/sh", "-c", command, input=input)
 
 
