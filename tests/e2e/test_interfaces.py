@@ -1,5 +1,5 @@
-"""End-to-end tests of the IPv4 settings, the management firewall sets and the OSPF interface
-settings, through the daemon in the simulated device."""
+"""IPv4 settings, the management firewall set and the OSPF interface settings, through the daemon
+in the simulated device."""
 
 import unittest
 
@@ -7,10 +7,7 @@ import dhtest
 
 INTERNAL = ["e%d" % i for i in range(1, 13)] + ["e%d.8" % i for i in range(1, 17)] + [
     "e%d.%d" % (port, vlan) for port in range(13, 17) for vlan in (21, 22, 23, 24)]
-
-
-def interfaces(doc):
-    return {e["name"]: e.get("ietf-ip:ipv4") for e in doc["ietf-interfaces:interfaces"]["interface"]}
+MGMT_SET = ("nft", "list", "set", "inet", "filter", "mgmt_ip_addresses")
 
 
 def ospf(doc):
@@ -18,63 +15,55 @@ def ospf(doc):
     return next(p for p in protocols if p["type"] == "infix-routing:ospfv2")["ietf-ospf:ospf"]
 
 
-def imports(dev, since, datastore):
-    return [e for e in dev.commands(since, program="sysrepocfg") if "--import" in e["argv"] and datastore in e["argv"]]
+def imports(dev, since):
+    entries = [e["argv"] for e in dev.commands(since, program="sysrepocfg") if "--import" in e["argv"]]
+    return [argv[argv.index("-d") + 1] for argv in entries]
 
 
 class InterfacesTest(unittest.TestCase):
     def test_addresses_firewall_and_ospf(self):
         dev = dhtest.Device(self)
         before = {name: dev.read("datastore/%s.json" % name) for name in ("running", "startup")}
-        mgmt_set = ("/usr/sbin/nft", "list", "set", "inet", "filter", "mgmt_ip_addresses")
-
         # A refused request changes nothing.
-        with self.assertRaises(dhtest.RpcError) as refused:
-            dev.set("config/e28/ipv4Settings", {"ipAddress": "198.51.100.7", "netmask": "255.255.255.0",
-                                                "interface": {"ipAddress": "10.0.0.1", "netmask": "255.0.255.0"}})
-        self.assertEqual((refused.exception.code, refused.exception.message),
+        address = {"ipAddress": "198.51.100.7", "netmask": "255.255.255.0"}
+        self.assertEqual(dev.error("set", "config/e28/ipv4Settings",
+                                   dict(address, interface={"ipAddress": "10.0.0.1", "netmask": "255.0.255.0"})),
                          (-22, "Invalid parameter <netmask>, '255.0.255.0' is not a valid netmask format."))
-        self.assertNotIn("198.51.100.7", dev.exec(*mgmt_set).stdout)
+        self.assertNotIn("198.51.100.7", dev.exec(*MGMT_SET).stdout)
 
         # The running import fails: startup is never written and the parameter keeps its value.
-        old = dev.get("config/e5/ipv4Settings")
+        old, mark = dev.get("config/e5/ipv4Settings"), dev.mark()
         dev.fail("sysrepocfg-import-running")
-        mark = dev.mark()
-        with self.assertRaises(dhtest.RpcError) as failed:
-            dev.set("config/e5/ipv4Settings", {"ipAddress": "10.5.0.1", "netmask": "255.255.0.0"})
-        self.assertIn("sysrepocfg --import -f json -d running", failed.exception.message)
-        self.assertEqual(imports(dev, mark, "startup"), [])
+        _, message = dev.error("set", "config/e5/ipv4Settings", {"ipAddress": "10.5.0.1", "netmask": "255.255.0.0"})
+        self.assertIn("sysrepocfg --import -f json -d running", message)
+        self.assertEqual(imports(dev, mark), ["running"])
         self.assertEqual({name: dev.read("datastore/%s.json" % name) for name in before}, before)
         self.assertEqual(dev.get("config/e5/ipv4Settings"), old)
 
         # The management address reaches every internal interface, the firewall set, its saved
         # rules and the OSPF router id, with one import of each datastore.
         mark = dev.mark()
-        dev.set("config/e28/ipv4Settings", {"ipAddress": "198.51.100.7", "netmask": "255.255.255.0"})
-        self.assertEqual((len(imports(dev, mark, "running")), len(imports(dev, mark, "startup"))), (1, 1))
+        dev.set("config/e28/ipv4Settings", address)
+        self.assertEqual(imports(dev, mark), ["running", "startup"])
         host = {"forwarding": True, "address": [{"ip": "198.51.100.7", "prefix-length": 32}]}
         for name in ("running", "startup"):
             doc = dev.datastore(name)
-            ipv4 = interfaces(doc)
+            ipv4 = {e["name"]: e.get("ietf-ip:ipv4") for e in doc["ietf-interfaces:interfaces"]["interface"]}
             self.assertEqual(ipv4["mgmt"], {"forwarding": True, "address": [{"ip": "198.51.100.7", "prefix-length": 24}]})
-            self.assertEqual(ipv4["lo"], dict(host, forwarding=False))
-            self.assertEqual({i: ipv4[i] for i in INTERNAL}, {i: host for i in INTERNAL}, name)
+            self.assertEqual({i: ipv4[i] for i in INTERNAL + ["lo"]}, dict({i: host for i in INTERNAL},
+                                                                         lo=dict(host, forwarding=False)), name)
             self.assertEqual(ospf(doc)["explicit-router-id"], "198.51.100.7")
-        self.assertIn("198.51.100.7", dev.exec(*mgmt_set).stdout)
-        saved = dev.exec("cat", "/var/persistent/etc/nftables//ruleset-mgmt-ip.nft").stdout
-        self.assertIn("mgmt_ip_addresses", saved)
-        self.assertIn("198.51.100.7", saved)
-        self.assertEqual(dev.get("data/mgmt/ipv4Settings"),
-                         {"ipAddress": "198.51.100.7", "netmask": "255.255.255.0", "prefix-length": 24})
+        self.assertIn("198.51.100.7", dev.exec(*MGMT_SET).stdout)
+        self.assertRegex(dev.exec("cat", "/var/persistent/etc/nftables//ruleset-mgmt-ip.nft").stdout,
+                         r"mgmt_ip_addresses[^}]*198\.51\.100\.7")
 
         # A metric on an internal interface is written to its VLAN 8 companion in the same import.
         mark = dev.mark()
         dev.set("config/ospf/e4/metric", 20)
-        self.assertEqual(len(imports(dev, mark, "running")), 1)
+        self.assertEqual(imports(dev, mark).count("running"), 1)
         cost = {i["name"]: i.get("cost") for area in ospf(dev.datastore("running"))["areas"]["area"]
                 for i in area["interfaces"]["interface"]}
         self.assertEqual((cost["e4"], cost["e4.8"], cost["e5"]), (20, 20, None))
-        self.assertEqual(dev.get("config/ospf/e4/metric"), 20)
 
 
 if __name__ == "__main__":
