@@ -84,31 +84,6 @@ TEST_F(Acl, RefusalsChangeNothingAndNftFailuresKeepTheList) {
     EXPECT_EQ(whitelist(), R"(["10.0.0.9"])");
     EXPECT_EQ(error_of([&] { handler->acl_set_adminStatus("down"); }),
               "-22 Failed to set ACL admin status.");
-    EXPECT_EQ(error_of([&] { handler->acl_get_adminStatus(); }),
-              "-22 Failed to get ACL admin status.");
-}
-
-TEST_F(Acl, LiveSetReaders) {
-    fake->on("nft list set",
-             fake_runner::reply{0, "set whitelist_ipv4 {\n elements = { 0.0.0.0/0 }"});
-    EXPECT_EQ(handler->acl_get_adminStatus(), "down");
-    fake->on("nft list set",
-             fake_runner::reply{0, "set whitelist_ipv4 {\n elements = { 10.0.0.1 }"});
-    EXPECT_EQ(handler->acl_get_adminStatus(), "up");
-    EXPECT_EQ(fake->commands().back(), ns + " /usr/sbin/nft list set inet filter whitelist_ipv4");
-
-    fake->on("nft -j", fake_runner::reply{0, R"({"nftables":[{"metainfo":{}},{"set":{"name":"w",)"
-                                             R"("elem":["10.0.0.1",{"prefix":{"addr":"10.1.0.0",)"
-                                             R"("len":16}}]}}]})"});
-    EXPECT_EQ(to_json(handler->_acl_get_whitelist(addr_family::ipv6)),
-              R"(["10.0.0.1",{"prefix":{"addr":"10.1.0.0","len":16}}])");
-    EXPECT_EQ(fake->commands().back(),
-              ns + " /usr/sbin/nft -j list set inet filter whitelist_ipv6");
-    fake->on("nft -j", fake_runner::reply{0, R"({"nftables":[{},{"set":{"name":"w"}}]})"});
-    EXPECT_EQ(to_json(handler->_acl_get_whitelist(v4)), "[]");
-    fake->on("nft -j", fake_runner::reply{0, R"({"nftables":[{"set":{}}]})"});
-    EXPECT_EQ(error_of([&] { handler->_acl_get_whitelist(v4); }),
-              "-22 Failed to parse ACL whitelist.");
 }
 
 }  // namespace

@@ -66,8 +66,6 @@ TEST_F(Datastore, OperationalCacheServesCopiesUntilAnImportOrForOneSecond) {
     auto first = handler->_cached_oper_get("ietf-interfaces");
     const auto exported = std::chrono::steady_clock::now();
     first["i:i"]["n"].SetInt(99);
-    auto second = handler->_cached_oper_get("ietf-interfaces");
-    second["i:i"]["n"].SetInt(98);
     EXPECT_EQ(to_json(handler->_cached_oper_get("ietf-interfaces")), R"({"i:i":{"n":1}})");
     EXPECT_EQ(fake->count(oper), 1u);
     // Every call is a cache hit until the entry goes stale.

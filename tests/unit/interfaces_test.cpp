@@ -155,6 +155,9 @@ TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
               texts{"4 interface_mode"});
     EXPECT_EQ(error_of([&] { mode("e13"); }), "-22 Invalid interface name: e13");
 
+    const auto startup_is = [&](const Document& d) {
+        fake->on("--export -f json -d startup", fake_runner::reply{0, to_json(d)});
+    };
     startup_is(doc);
     handler->set_interface_mode("e12", "tunnelOnly");
     EXPECT_EQ(fake->count("-d running"), 0u);

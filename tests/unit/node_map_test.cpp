@@ -29,36 +29,10 @@ class NodeMap : public handler_test {
 TEST_F(NodeMap, RegistersEveryLeafOnceAndExportsThreeTimes) {
     EXPECT_EQ(db.list("").size(), 523u);
     EXPECT_EQ(read_node(db, "data/configStatus"), "true");
-    for (const char* path : {"command/restoreFactoryDefaults",
-                             "command/deliveryClear",
-                             "config/automationMode",
-                             "config/e1/adminStatus",
-                             "config/e28/ipv4Settings",
-                             "data/e28/macAddress",
-                             "data/e27/ipv4Settings",
-                             "data/e1/bridgePort",
-                             "data/mgmt/ipv4Settings",
-                             "config/e1.8/adminStatus",
-                             "config/e16.24/adminStatus",
-                             "config/e12/mode",
-                             "data/e12/mode",
-                             "config/ospf/e27/areaId",
-                             "config/ospf/e28/areaId",
-                             "config/ospf/e1.8/metric",
-                             "config/ospf/e1/metric",
-                             "config/ospf/e13.21/passive",
-                             "config/ospf/e28/passive",
-                             "config/ospf/e28/adminStatus",
-                             "data/ntp/serverStatus",
-                             "config/acl/whitelist",
-                             "cli/show_ospf_routes",
-                             "data/installStatus",
-                             "data/temperatureMargin",
-                             "command/techlogGenerate",
-                             "config/e12/lldp/enable",
-                             "data/e1/lldp/neighbours",
-                             "data/any/lldp/neighbours",
-                             "data/e13/sfp/rxPower"})
+    // The count catches a missing leaf; these pin a few paths of each kind of name.
+    for (const char* path :
+         {"config/e1.8/adminStatus", "config/ospf/e28/areaId", "cli/show_ospf_routes",
+          "data/any/lldp/neighbours", "data/e13/sfp/rxPower"})
         EXPECT_NE(db.find_leaf_node(path), nullptr) << path;
     for (const char* path : {"config/ospf/e1/areaId", "config/mgmt/adminStatus", "config/e13/mode",
                              "config/ospf/e13.21/adminStatus", "data/e1.8/adminStatus"})
@@ -97,15 +71,12 @@ TEST_F(NodeMap, PollThreadPushesLinkChangesAndStopsPromptly) {
     EXPECT_LT(std::chrono::steady_clock::now() - stopping, 500ms);
 }
 
-TEST(VersionTexts, FirmwareAndContainer) {
-    const std::pair<const char*, const char*> fw[] = {
-        {"QMX QMX-RB-16E 2.3.1 -- build 20261101\n", "2.3.1"},
-        {"release 4.0 -- note", "release 4.0"},
-        {"QMX-RB-16E 5.1\n", "5.1\n"},
-        {"", ""},
-        {"QMX-RB-16E  -- x", ""}};
+TEST(VersionTexts, FirmwareVersionEdgeCases) {
+    const std::pair<const char*, const char*> fw[] = {{"release 4.0 -- note", "release 4.0"},
+                                                      {"QMX-RB-16E 5.1\n", "5.1\n"},
+                                                      {"", ""},
+                                                      {"QMX-RB-16E  -- x", ""}};
     for (auto [in, out] : fw) EXPECT_EQ(fw_version_from(in), out) << in;
-    EXPECT_EQ(container_version_from("\t qmx 1.0 \n\n"), "qmx 1.0");
 }
 
 }  // namespace

@@ -12,8 +12,7 @@ TEST(NtpStatus, SelectionStatesOfBothServers) {
         const char* expected;  // primary | secondary | overall
     };
     const row rows[] = {
-        // A selected "*" wins whatever the order.
-        {"+,10.0.0.1,x\n*,10.0.0.1,x\n", "synchronized (*) | - | 2"},
+        // A selected "*" wins whatever the order (the handler test has "+" first).
         {"*,10.0.0.1,x\n+,10.0.0.1,x\n", "synchronized (*) | - | 2"},
         {"+,10.0.0.2,1,2,3\n", "- | synchronized (+) | 2"},
         // A selected source that is neither server still makes the service synchronised.

@@ -124,16 +124,13 @@ using strings = std::vector<std::string>;
 }  // namespace
 
 TEST(DhApiConversion, TypeNamesAcceptedValuesAndMismatches) {
-    const std::pair<const char*, const char*> names[] = {{"null", "null"},
-                                                         {"true", "bool"},
+    // The mismatches below name null, string, float and 64-bit unsigned as well.
+    const std::pair<const char*, const char*> names[] = {{"true", "bool"},
                                                          {"{}", "object"},
                                                          {"[]", "array"},
-                                                         {"\"x\"", "string"},
                                                          {"4294967295", "32-bit unsigned integer"},
                                                          {"-2147483648", "32-bit signed integer"},
-                                                         {"4294967296", "64-bit unsigned integer"},
                                                          {"-2147483649", "64-bit signed integer"},
-                                                         {"1.0", "float"},
                                                          {"3.4028234e38", "float"},
                                                          {"1e300", "double"}};
     for (const auto& [text, name] : names) EXPECT_EQ(json_type_name(parse(text)), name) << text;
@@ -330,7 +327,7 @@ using pushed_number = hysteresis_filtered_value<pushed_volatile_value_impl<doubl
 using polled_margin =
     hysteresis_filtered_value<polled_volatile_value_impl<&fake_handler::get_margin>>;
 
-TEST_F(DhApi, EqualFilterPublishesEveryChange) {
+TEST_F(DhApi, EqualAndCustomFiltersPublishEveryChangeOrWhatThePredicateAccepts) {
     auto node = hysteresis_filtered_value<pushed_volatile_value_impl<std::string>>::create(
         db, "data/e1/linkStatus");
     auto e = error_of([&] { read(*node); });
@@ -346,6 +343,13 @@ TEST_F(DhApi, EqualFilterPublishesEveryChange) {
         R"js({"path":"data/e1/linkStatus","description":"pushed value (read,subscribe)","valueType":"string",)js"
         R"("capabilities":{"read":true,"subscribe":true},"type":"pushed value","hysteresis":{"filter":"equal"}})");
     EXPECT_FALSE(node->is_async());
+
+    auto rising = pushed_number::create(
+        db, "data/r",
+        hysteresis_filter<double>::make_custom([](double p, double c) { return c > p; }));
+    for (double v : {5.0, 3.0, 7.0, 6.0}) rising->set_value(v);
+    EXPECT_EQ(read(*rising), "7.0");
+    EXPECT_EQ(rising->value(), 6.0);  // the last value set, published or not
 }
 
 TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
@@ -367,15 +371,6 @@ TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
     EXPECT_EQ(alice->values(), (strings{"10.0", "12.5", "20.0"}));
     EXPECT_EQ(to_json_text(parse(info(*node))["hysteresis"]),
               R"({"filter":"default","ImmediateLimit":5.0,"delayedLimit":1.0,"delayCycles":2})");
-}
-
-TEST_F(DhApi, CustomFilterPublishesWhatItsPredicateAccepts) {
-    auto rising = pushed_number::create(
-        db, "data/r",
-        hysteresis_filter<double>::make_custom([](double p, double c) { return c > p; }));
-    for (double v : {5.0, 3.0, 7.0, 6.0}) rising->set_value(v);
-    EXPECT_EQ(read(*rising), "7.0");
-    EXPECT_EQ(rising->value(), 6.0);  // the last value set, published or not
 }
 
 TEST_F(DhApi, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors) {
@@ -423,8 +418,6 @@ TEST_F(DhApi, PolledValueRunsOnItsGroupsWorker) {
     handler->margin = 3.0;
     group.add_value(node, 1);
     ASSERT_TRUE(wait_until([&] { return alice->values() == strings{"3.0"}; }));
-    handler->margin = 5.0;
-    ASSERT_TRUE(wait_until([&] { return alice->values() == strings{"3.0", "5.0"}; }));
     EXPECT_EQ(
         info(*node),
         R"js({"path":"data/temperatureMargin","description":"polled value (read,subscribe)",)js"
