@@ -2,8 +2,7 @@
 """A stand-in for the daemon, for the simulated device's own tests. It serves the daemon's socket:
 `get` of "data/configStatus" answers true (so `devhost up` sees a ready daemon), and `run` of
 "command/shell" runs the value through /bin/sh -c, as the daemon's system() does, answering
-{"status": exit status, "stdout": output}. Its first output line is a JSON object with its
-arguments and environment."""
+{"status": exit status, "stdout": output}."""
 
 import json
 import os
@@ -34,7 +33,6 @@ def serve(conn):
 
 
 def main():
-    print(json.dumps({"argv": sys.argv, "env": dict(os.environ)}), flush=True)
     os.makedirs(os.path.dirname(SOCKET), exist_ok=True)
     if os.path.exists(SOCKET):
         os.unlink(SOCKET)
