@@ -100,19 +100,19 @@ class ServicesTest(unittest.TestCase):
         touch = "'; touch %s; '" % canary
         state = lambda: (dev.datastore("running"), dev.exec("cat", "/etc/resolv.conf").stdout, nft_whitelist(dev))
         before, mark = state(), dev.mark()
+        ip, x = "1.1.1.1" + touch, "x" + touch + "xxxxxxxx"
         for method, path, value, message in (
                 ("run", "command/dateTime", "2024-05-01 12:00:00" + touch,
                  'Invalid cli command: "set datetime 2024-05-01T12:00:00%sZ".' % touch),
                 ("run", "command/dateTime", "2024-05-01 12:00:00\ntouch " + canary,
                  'Invalid cli command: "set datetime 2024-05-01T12:00:00\ntouch %sZ".' % canary),
-                ("run", "command/dateTime", "x" + touch + "xxxxxxxx", "Unexpected format of date/time: x" + touch + "xxxxxxxx"),
-                ("set", "config/dnsSettings", {"primaryDnsIpAddress": "1.1.1.1" + touch}, "Invalid DNS server address: 1.1.1.1" + touch),
+                ("run", "command/dateTime", x, "Unexpected format of date/time: " + x),
+                ("set", "config/dnsSettings", {"primaryDnsIpAddress": ip}, "Invalid DNS server address: " + ip),
                 ("set", "config/dnsSettings", {"secondaryDnsIpAddress": "1.1.1.1\nnameserver 6.6.6.6"},
                  "Invalid DNS server address: 1.1.1.1\nnameserver 6.6.6.6"),
-                ("set", "config/acl/whitelist", ["10.0.0.2", "10.0.0.1" + touch], "Invalid whitelist entry: 10.0.0.1" + touch),
-                ("set", "config/acl/whitelist", [{"range": ["1.1.1.1", "1.1.1.2" + touch]}],
-                 "Invalid whitelist entry: 1.1.1.1-1.1.1.2" + touch),
-                ("set", "config/ntp/primaryServer", "x" + touch, "Invalid NTP server address: x" + touch)):
+                ("set", "config/acl/whitelist", ["10.0.0.2", ip], "Invalid whitelist entry: " + ip),
+                ("set", "config/acl/whitelist", [{"range": ["1.1.1.0", ip]}], "Invalid whitelist entry: 1.1.1.0-" + ip),
+                ("set", "config/ntp/primaryServer", ip, "Invalid NTP server address: " + ip)):
             self.assertEqual(dev.error(method, path, value), (-22, message))
         reached = [e for e in dev.commands(mark) if os.path.basename(e["argv"][0]) in ("klish", "nft", "ntpd")
                    or "--import" in e["argv"]]
