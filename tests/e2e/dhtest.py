@@ -109,9 +109,6 @@ class Client:
                 return event
             self._receive(deadline, "no event for %s" % path)
 
-    def close(self):
-        self.sock.close()
-
 
 class Device:
     """One simulated device with a daemon inside; sim_files ({path under DIR/sim: text or JSON})
@@ -204,7 +201,7 @@ class Device:
 
     def close_client(self):
         if self._client is not None:
-            self._client.close()
+            self._client.sock.close()
             self._client = None
 
     def datastore(self, name):
@@ -224,10 +221,6 @@ class Device:
         lines = self.read("log/commands.log", "").splitlines()
         entries = [json.loads(line) for line in lines if line.strip()][since:]
         return [e for e in entries if program is None or os.path.basename(e["argv"][0]) == program]
-
-    def wait_command(self, predicate, since=0, timeout=10.0):
-        return wait_until(lambda: next((e for e in self.commands(since) if predicate(e)), None),
-                          timeout, "no matching command in commands.log within %.1f s" % timeout)
 
     def log(self):
         return self.read("log/daemon.log", "")

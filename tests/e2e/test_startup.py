@@ -19,7 +19,7 @@ class StartupTest(unittest.TestCase):
         # configStatus is true once up returns; a subscriber gets it at once.
         self.assertIs(dev.get("data/configStatus"), True)
         watcher = dev.connect()
-        self.addCleanup(watcher.close)
+        self.addCleanup(watcher.sock.close)
         self.assertIs(watcher.subscribe("data/configStatus"), True)
         self.assertIs(watcher.wait_event("data/configStatus")["value"], True)
 
