@@ -96,6 +96,25 @@ TEST_F(Images, InstallIsVerifiedAndPassesEveryStatusText) {
              fake_runner::reply{0, "100% Installing done.\nInstalling succeeded\n"});
     EXPECT_TRUE(handler->boot_image(R"({"pkg":"http://[2001:db8::1]/b.raucb","extra":1})"));
     EXPECT_EQ(fake->commands().at(1), ns + "rauc install http://[2001:db8::1]/b.raucb");
+
+    // A string extra package runs its script first, in the daemon's own namespaces.
+    fake->clear();
+    status_queries = 0;
+    fake->on("handle_extra_package.sh", [&](const fake_runner::call&) {
+        seen.push_back(handler->get_install_status());
+        return fake_runner::reply{};
+    });
+    EXPECT_TRUE(handler->boot_image(R"({"pkg":"http://h/b.raucb","extra":"http://h/e.sh"})"));
+    const auto calls = fake->calls();
+    ASSERT_EQ(calls.size(), 4u);
+    EXPECT_EQ(calls[0].kind, fake_runner::call::system);
+    EXPECT_THAT(calls[0].cmd,
+                ::testing::MatchesRegex(
+                    "ERR_MSG_FILE='/tmp/[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}' "
+                    "/bin/bash.bash /usr/bin/handle_extra_package.sh --url "
+                    "http://h/e.sh &>> /var/persistent/log/upgrade.log"));
+    EXPECT_EQ(calls[2].cmd, ns + "rauc install http://h/b.raucb");
+    EXPECT_EQ(seen.back(), "Executing upgrade script");
 }
 
 TEST_F(Images, InstallThatDoesNotActivateOrFails) {
