@@ -16,12 +16,17 @@
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 
+// Factory resets and reboots finish on detached threads. This binary never gets the real command
+// runner back, so a thread that outlives its test still reaches only a fake. The guard is never
+// destroyed (a thread may still use it at exit); the global keeps it reachable.
+fake_runner::guard* maintenance_backstop = nullptr;
+
 namespace {
 
-// Factory resets and reboots finish on detached threads. This binary never gets the real command
-// runner back, so a thread that outlives its test still reaches only a fake.
 struct backstop_runner {
-    backstop_runner() { [[maybe_unused]] static const auto* runner = new fake_runner::guard(); }
+    backstop_runner() {
+        if (!maintenance_backstop) maintenance_backstop = new fake_runner::guard();
+    }
 };
 
 // The backstop base is built first; the test's own fake hands back to it.

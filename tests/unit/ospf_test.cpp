@@ -58,7 +58,8 @@ TEST_F(Ospf, AdminDownRemovesTheEntryAndEachGroupHasItsDefault) {
 
     // Without ospf_init no interface is engaged, so each group shows its default.
     handler->set_ospf_adminStatus("up");
-    const auto& ospf = *at(last_import(), protocols + "/0/ietf-ospf:ospf");
+    const Document imported = last_import();
+    const auto& ospf = *at(imported, protocols + "/0/ietf-ospf:ospf");
     EXPECT_EQ(to_json(ospf["explicit-router-id"]), R"("")");
     const auto& list = ospf["areas"]["area"][0]["interfaces"]["interface"];
     ASSERT_EQ(list.Size(), 1u + 32 + 12 + 4 + 6);
