@@ -154,6 +154,16 @@ inline bool eventually(const std::function<bool()>& condition,
     return true;
 }
 
+// Threads of this process. Tests of detached threads wait until the count is back to where it
+// was, so that no such thread is still logging when the program exits.
+inline int thread_count() {
+    std::ifstream status("/proc/self/status");
+    std::string key;
+    while (status >> key)
+        if (key == "Threads:" && status >> key) return std::stoi(key);
+    return -1;
+}
+
 // A node's current value as compact JSON, "error <code> <message>", or "missing".
 inline std::string read_node(dh_db& db, const std::string& path) {
     auto node = db.find_leaf_node(path);

@@ -57,6 +57,7 @@ TEST_F(Maintenance, FactoryDefaultSequencesPerLevel) {
     const std::vector<std::pair<bool, unsigned>> runs = {{true, 4}, {true, 0},  {false, 1},
                                                          {true, 2}, {false, 3}, {false, 7}};
     log_capture logs;
+    const int threads_before = thread_count();
     for (auto [reboot, level] : runs) {
         const auto t0 = std::chrono::steady_clock::now();
         EXPECT_TRUE(handler->restore_factory_defaults(reboot, level));
@@ -65,6 +66,7 @@ TEST_F(Maintenance, FactoryDefaultSequencesPerLevel) {
     unsetenv("REDIS_CONF_HASH_TAG");
     ASSERT_TRUE(eventually(
         [&] { return logs.where("Restore factory default is done.").size() == runs.size(); }, 15s));
+    ASSERT_TRUE(eventually([&] { return thread_count() == threads_before; }));
     // A failing command is logged and the sequence goes on.
     EXPECT_EQ(logs.where("Unable to run command: /bin/sync"), texts(4, "3 run_system_command"));
 
@@ -126,6 +128,7 @@ TEST_F(Maintenance, FailedFactoryExportStartsNoThread) {
 TEST_F(Maintenance, RebootRunsLaterOnItsOwnThreadAndLogsFailure) {
     log_capture logs;
     fake->on("reboot", fake_runner::reply{1, ""});
+    const int threads = thread_count();
     const auto t0 = std::chrono::steady_clock::now();
     EXPECT_TRUE(handler->run_reboot_command(false));
     EXPECT_LT(std::chrono::steady_clock::now() - t0, 400ms);
@@ -134,6 +137,7 @@ TEST_F(Maintenance, RebootRunsLaterOnItsOwnThreadAndLogsFailure) {
                    .size() == 1;
     }));
     EXPECT_GE(std::chrono::steady_clock::now() - t0, 500ms);
+    ASSERT_TRUE(eventually([&] { return thread_count() == threads; }));
     ASSERT_EQ(fake->calls().size(), 1u);
     EXPECT_EQ(fake->calls()[0].kind, fake_runner::call::capture);
     EXPECT_EQ(logs.where("Rebooting the device in 500ms."), texts{"3 run_reboot_command"});
