@@ -14,7 +14,7 @@
 
 // Collects the log records written while it lives. One sink stays installed for the whole test
 // program and is never destroyed: threads that outlive a test (detached reboot and factory
-// threads) may still be writing to it when the test ends.
+// threads) may still be writing to it when the program exits.
 class log_capture {
   public:
     struct record {
@@ -64,15 +64,22 @@ class log_capture {
         std::vector<record> records;
     };
 
+    // The backend and its sink are never released, so the sink outlives the logging core, which
+    // drops its own reference at exit, and every thread that may still log then.
     static backend& store() {
-        static backend* const instance = [] {
+        using sink_type = boost::log::sinks::synchronous_sink<backend>;
+        struct installed {
+            boost::shared_ptr<backend> backend_ptr;
+            boost::shared_ptr<sink_type> sink;
+        };
+        static installed* const instance = [] {
             msg_log_slg::construct_logger();
             auto b = boost::make_shared<backend>();
-            boost::log::core::get()->add_sink(
-                boost::make_shared<boost::log::sinks::synchronous_sink<backend>>(b));
-            return b.get();
+            auto* i = new installed{b, boost::make_shared<sink_type>(b)};
+            boost::log::core::get()->add_sink(i->sink);
+            return i;
         }();
-        return *instance;
+        return *instance->backend_ptr;
     }
 
     const std::size_t first_;
