@@ -60,7 +60,7 @@ int main(int argc, char* argv[]) {
     });
     std::thread signal_thread([&signal_io] { signal_io.run(); });
 
-    auto handler = std::make_shared<sysrepo_device_handler>(api.db);
+    auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor());
     MSG_LOG(6, "init") << "Device handler initialized for sysrepo. Listening on port " << port
                        << "." << msg_log::getCodeTrace("sysrepo_device_handler", 3309);
     handler->start();

@@ -3,19 +3,9 @@
 #include <arpa/inet.h>
 
 #include <array>
-#include <cstdio>
-#include <cstdlib>
-#include <memory>
-#include <mutex>
 #include <sstream>
-#include <stdexcept>
-
-#include "dh_error.hpp"
-#include "msg_log.hpp"
 
 namespace sysrepo_common {
-
-const std::string NSENTER_CMD = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/1/ns/net ";
 
 namespace {
 
@@ -25,98 +15,9 @@ std::array<std::string_view, 28> make_ieth_interfaces() {
             "e21", "e22", "e23", "e24", "e25", "e26", "e27", MGMT_INTERFACE};
 }
 
-struct pipe_closer {
-    int* status;
-    void operator()(FILE* f) const { *status = pclose(f); }
-};
-
-class popen_runner final : public command_runner {
-  public:
-    int run_capture(const std::string& cmd, std::string& output) override {
-        int status = -1;
-        {
-            std::unique_ptr<FILE, pipe_closer> pipe(popen(cmd.c_str(), "r"), pipe_closer{&status});
-            if (!pipe) throw std::runtime_error("popen failed");
-            std::array<char, 128> buffer;
-            while (fgets(buffer.data(), static_cast<int>(buffer.size()), pipe.get()) != nullptr)
-                output += buffer.data();
-        }
-        return status;
-    }
-
-    int run_feed(const std::string& cmd, std::string_view input) override {
-        int status = -1;
-        {
-            std::unique_ptr<FILE, pipe_closer> pipe(popen(cmd.c_str(), "w"), pipe_closer{&status});
-            if (!pipe) throw std::runtime_error("popen failed");
-            fwrite(input.data(), 1, input.size(), pipe.get());
-        }
-        return status;
-    }
-
-    int run_system(const std::string& cmd) override { return std::system(cmd.c_str()); }
-};
-
-// Guards current_runner; the runner itself is called without the lock.
-std::mutex runner_mutex;
-std::shared_ptr<command_runner> current_runner = std::make_shared<popen_runner>();
-
-std::shared_ptr<command_runner> runner() {
-    std::lock_guard lock(runner_mutex);
-    return current_runner;
-}
-
 }  // namespace
 
 const std::array<std::string_view, 28> IETH_INTERFACES = make_ieth_interfaces();
-
-std::shared_ptr<command_runner> set_command_runner(std::shared_ptr<command_runner> r) {
-    if (!r) r = std::make_shared<popen_runner>();
-    std::lock_guard lock(runner_mutex);
-    std::swap(current_runner, r);
-    return r;
-}
-
-std::string exec(const std::string& cmd, bool log_failure) {
-    const std::string message = "Failed to call: " + cmd;
-    try {
-        std::string result;
-        int status = 0;
-        try {
-            status = runner()->run_capture(cmd, result);
-        } catch (const std::runtime_error&) {
-            if (log_failure)
-                MSG_LOG(3, "exec") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-            throw dh_error(-1, message);
-        }
-        if (status == 0) return result;
-        if (log_failure) MSG_LOG(3, "exec") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(status, message);
-    } catch (...) {
-        // Callers rely on the message only; whatever went wrong inside is reported as -1.
-        throw dh_error(-1, message);
-    }
-}
-
-void exec(const std::string& cmd, std::string_view input) {
-    int status = 0;
-    try {
-        status = runner()->run_feed(cmd, input);
-    } catch (const std::runtime_error&) {
-        const std::string message = "Faild to call: " + cmd;
-        MSG_LOG(3, "exec") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(-1, message);
-    }
-    if (status != 0) {
-        const std::string message = "Failed to call: " + cmd;
-        MSG_LOG(3, "exec") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(status, message);
-    }
-}
-
-int system(const std::string& cmd) {
-    return runner()->run_system(cmd);
-}
 
 std::string prefix_length_to_netmask(int n) {
     std::string out;
@@ -140,8 +41,9 @@ int netmask_to_prefix_length(const std::string& netmask) {
 }
 
 bool is_string_ipaddress(const std::string& text) {
+    // inet_pton reads up to the first NUL; a text holding one is no address.
     in_addr addr{};
-    return inet_pton(AF_INET, text.c_str(), &addr) != 0;
+    return text.find('\0') == std::string::npos && inet_pton(AF_INET, text.c_str(), &addr) == 1;
 }
 
 bool is_valid_netmask(const std::string& text) {

@@ -2,48 +2,12 @@
 
 #include <array>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <string_view>
 
-// Host access, address helpers and the device's fixed interface tables. Everything here is
+// Address helpers and the device's fixed interface tables. Everything here is
 // constant after start-up and read without locks from any thread.
 namespace sysrepo_common {
-
-// Prefix that runs a command in the host's mount, UTS, IPC and network namespaces (those of
-// process 1). It ends with a blank; command formats put another blank after it.
-extern const std::string NSENTER_CMD;
-
-// Runs cmd through the shell and returns its standard output unchanged. Every failure (pipe not
-// opened, non-zero exit status, anything thrown inside) becomes dh_error -1
-// "Failed to call: " + cmd; log_failure decides whether the failure is logged first.
-std::string exec(const std::string& cmd, bool log_failure);
-
-// Runs cmd through the shell with `input` on its standard input. A non-zero wait status raises
-// dh_error with that raw status as its code. Always logs failures. (Pass a std::string or
-// std::string_view as input: a string literal would pick the overload above.)
-void exec(const std::string& cmd, std::string_view input);
-
-// The system() call of the few commands that run without exec; returns the raw status.
-int system(const std::string& cmd);
-
-// The one seam to the host: a process-wide runner that unit tests replace to check exact
-// command texts and feed back output without starting processes.
-class command_runner {
-  public:
-    virtual ~command_runner() = default;
-    // popen(cmd, "r"): appends what the command prints to `output`; returns the raw wait status.
-    // Throws std::runtime_error when the pipe cannot be opened.
-    virtual int run_capture(const std::string& cmd, std::string& output) = 0;
-    // popen(cmd, "w") with `input` written to it; returns the raw wait status; throws
-    // std::runtime_error when the pipe cannot be opened.
-    virtual int run_feed(const std::string& cmd, std::string_view input) = 0;
-    // system(cmd): returns the raw status.
-    virtual int run_system(const std::string& cmd) = 0;
-};
-
-// Replaces the runner (nullptr restores the real one); returns the previous one.
-std::shared_ptr<command_runner> set_command_runner(std::shared_ptr<command_runner> runner);
 
 // Dotted-quad mask for a prefix length; lengths <= 0 give 0.0.0.0, >= 32 give 255.255.255.255.
 std::string prefix_length_to_netmask(int prefix_length);

@@ -64,7 +64,9 @@ void add_constraints(const constraints_t<T>& constraints, Value& info, Allocator
 // A configuration parameter bound to the handler method M, whose last parameter takes the
 // client's value and whose leading parameters are fixed at creation (an interface name, a VLAN).
 // The node keeps the last value written successfully; it calls M only for a value that differs
-// from it, and tells subscribers and the history about every effective change. M runs under the
+// from it (after a failed write, for every value: the failure may have left the device out of
+// step, and writing the kept value again must be able to repair it), and tells subscribers and
+// the history about every effective change. M runs under the
 // node's mutex, so writes of one parameter are serialised. The advertised constraints are not
 // enforced here: M validates what it receives.
 template <auto M>
@@ -112,7 +114,8 @@ class config_param : public dh_db_event_node {
     void set(std::string_view, const Value& value) override {
         std::lock_guard lock(mutex_);
         value_type v = from_json<value_type>(value);
-        if (value_ && same_value(*value_, v)) return;
+        if (value_ && !failed_ && same_value(*value_, v)) return;
+        failed_ = true;
         if constexpr (is_mutable_ref_v<client_param_t<M>>) {
             // M may change its argument; the stored value is the one the client wrote.
             value_type arg = copy_of(v);
@@ -120,7 +123,10 @@ class config_param : public dh_db_event_node {
         } else {
             method_.call(std::as_const(v));
         }
+        failed_ = false;
+        const bool changed = !value_ || !same_value(*value_, v);
         value_ = std::move(v);
+        if (!changed) return;
         Document event = create_value_changed_event();
         event.AddMember("value", to_json_value(*value_, event.GetAllocator()),
                         event.GetAllocator());
@@ -195,6 +201,8 @@ class config_param : public dh_db_event_node {
     std::mutex mutex_;
     constraints_t<value_type> constraints_{false};
     std::optional<value_type> value_;
+    // The last call of M failed.
+    bool failed_ = false;
     bool warn_read_ = false;
     const method_type method_;
 };

@@ -29,13 +29,13 @@ class StartupTest(unittest.TestCase):
         self.assertEqual(dev.get("config/automationMode"), "managedILA")
         self.assertIn("Listening on port 9711.", dev.log())
 
-        # Two exports of running (OSPF initialisation, then the one every initial value is read
-        # from) and one of the operational state, nothing imported; the poll thread's operational
-        # reads start a second later.
-        running, oper = exports(started, "running"), exports(started, "o")
-        self.assertEqual(len(running), 2, started)
+        # One export of running (every initial value is read from it), one of startup (does it
+        # hold edits of its own?) and one of the operational state, nothing imported; the poll's
+        # operational reads start a second later.
+        running, startup, oper = (exports(started, ds) for ds in ("running", "startup", "o"))
+        self.assertEqual((len(running), len(startup)), (1, 1), started)
         self.assertEqual(len([e for e in oper if e["time"] < running[-1]["time"] + 0.9]), 1, started)
-        self.assertEqual(len(started), len(running) + len(oper))
+        self.assertEqual(len(started), len(running) + len(startup) + len(oper))
 
         # The poll thread pushes link changes of the operational datastore within about 2 s.
         watcher.subscribe("data/e1/linkStatus")

@@ -1,95 +1,77 @@
-#include <string>
-
 #include "handler_fixture.hpp"
+
+// The datastore service: what a write exports and imports, and that a failed write changes
+// nothing and an acknowledged one is never undone.
 
 namespace {
 
 using Datastore = handler_test;
 
-TEST_F(Datastore, ExportCommandTextsKeepTheDoubleBlankAndInvalidJsonThrowsOnlyThere) {
-    fake->on("--export", fake_runner::reply{0, "{\n  \"m:a\": {\"x\": 1}\n}\n"});
-    EXPECT_EQ(to_json(export_or_else_throw(datastore::running, "")), R"({"m:a":{"x":1}})");
-    export_or_else_throw(datastore::factory_default, "-m 'ietf-interfaces'");
-    get_ietf_ifaces_oper();
-    get_ietf_ifaces_oper("e13.21");
-    handler->export_data(false);
-    handler->export_data(true);
-    const std::string sysrepocfg = ns + " /bin/sysrepocfg --export -f json -d ";
-    EXPECT_EQ(fake->commands(),
-              (texts{sysrepocfg + "r ", sysrepocfg + "f -m 'ietf-interfaces'",
-                     sysrepocfg + "o -x '/ietf-interfaces:interfaces'",
-                     sysrepocfg + "o -x '/ietf-interfaces:interfaces/interface[name=\"e13.21\"]'",
-                     ns + "sysrepocfg --export -f json -d running -t 30",
-                     ns + "sysrepocfg --export -f json -d startup -t 30"}));
+const std::string import_running = ns + "sysrepocfg --import -f json -d running -t 30";
+const std::string import_startup = ns + "sysrepocfg --import -f json -d startup -t 30";
 
-    for (const std::string output : {"sysrepocfg: not ready", "", "{\"a\": 1} trailing"}) {
-        fake->on("--export", fake_runner::reply{0, output});
-        log_capture logs;
-        EXPECT_EQ(error_of([] { export_or_else_throw(datastore::operational, ""); }),
-                  "22 Invalid json in response");
-        EXPECT_EQ(logs.where("Invalid json response: " + output), texts{"3 export_or_else_throw"});
-        EXPECT_TRUE(handler->export_data(false).IsNull());
-    }
-    fake->on("--export", fake_runner::reply{256, "{}"});
-    EXPECT_EQ(error_of([] { export_or_else_throw(datastore::running, ""); }),
-              "-1 Failed to call: " + sysrepocfg + "r ");
-    EXPECT_EQ(error_of([&] { handler->export_data(true); }),
-              "-1 Failed to call: " + ns + "sysrepocfg --export -f json -d startup -t 30");
+void add_marker(Document& doc, const char* name) {
+    doc.AddMember(dh::Value(name, doc.GetAllocator()), dh::Value(true), doc.GetAllocator());
 }
 
-TEST_F(Datastore, ImportWritesCompactJsonToRunningThenStartup) {
-    Document doc = parse(R"({ "m:a" : { "n" : [ 1, 2.5, "x" ] } })");
-    handler->import_data(doc, false);
-    handler->import_data(doc, true);
-    const auto running = ns + "sysrepocfg --import -f json -d running -t 30";
-    const auto startup = ns + "sysrepocfg --import -f json -d startup -t 30";
-    EXPECT_EQ(fake->commands(), (texts{running, startup, startup}));
-    for (const auto& c : fake->calls()) {
-        EXPECT_EQ(c.kind, fake_runner::call::feed);
-        EXPECT_EQ(c.input, R"({"m:a":{"n":[1,2.5,"x"]}})");
-    }
+TEST_F(Datastore, AWriteExportsOnceAndImportsRunningThenStartup) {
+    running_is(R"({"a:a":1})");
+    handler->datastore().edit([](Document& doc) { add_marker(doc, "b:b"); });
+    EXPECT_EQ(fake->commands(), (texts{ns + "sysrepocfg --export -f json -d running -t 30",
+                                       import_running, import_startup}));
+    EXPECT_EQ(imports("running"), texts{R"({"a:a":1,"b:b":true})"});
+    EXPECT_EQ(imports("startup"), texts{R"({"a:a":1,"b:b":true})"});
+}
 
-    // A refused running import leaves startup alone.
+TEST_F(Datastore, AStartupOnlyEditSurvivesLaterWrites) {
+    // Running and startup start out equal; a startup-only edit makes them differ.
+    running_is(R"({"a:a":1})");
+    handler->datastore().edit_startup([](Document& doc) { add_marker(doc, "mode:m"); });
+    fake->on("--export -f json -d startup", fake_executor::reply{0, imports("startup").back()});
+
+    handler->datastore().edit([](Document& doc) { add_marker(doc, "ntp:n"); });
+    EXPECT_EQ(imports("running"), texts{R"({"a:a":1,"ntp:n":true})"});
+    EXPECT_EQ(last_import("startup"), parse(R"({"a:a":1,"mode:m":true,"ntp:n":true})"));
+}
+
+TEST_F(Datastore, AFailedWriteChangesNothing) {
+    running_is(R"({"a:a":1})");
+    // The edit refuses: nothing is imported.
+    EXPECT_EQ(error_of([&] {
+                  handler->datastore().edit([](Document&) { throw dh_error(-22, "refused"); });
+              }),
+              "-22 refused");
+    EXPECT_TRUE(fake->count("--import") == 0);
+
+    // Running refuses the document: startup is left alone.
+    fake->on(import_running, fake_executor::reply{256, ""});
+    EXPECT_EQ(
+        error_of([&] { handler->datastore().edit([](Document& d) { add_marker(d, "b:b"); }); }),
+        "256 Failed to call: " + import_running);
+    EXPECT_TRUE(imports("startup").empty());
+
+    // Startup refuses it: running gets back the document it had.
     fake->clear();
-    fake->on("-d running", fake_runner::reply{256, ""});
-    log_capture logs;
-    EXPECT_EQ(error_of([&] { handler->import_data(doc, false); }),
-              "256 Failed to call: " + running);
-    EXPECT_EQ(fake->commands(), texts{running});
-    EXPECT_EQ(logs.where(R"(Failed when trying to set: {"m:a":{"n":[1,2.5,"x"]}})"),
-              texts{"3 import_module"});
+    fake->on(import_running, fake_executor::reply{0, ""});
+    fake->on(import_startup, fake_executor::reply{256, ""});
+    EXPECT_THROW(handler->datastore().edit([](Document& d) { add_marker(d, "b:b"); }), dh_error);
+    EXPECT_EQ(imports("running"), (texts{R"({"a:a":1,"b:b":true})", R"({"a:a":1})"}));
 }
 
-TEST_F(Datastore, OperationalCacheServesCopiesUntilAnImportOrForOneSecond) {
-    const std::string oper = ns + " /bin/sysrepocfg --export -f json -d o -m 'ietf-interfaces'";
-    fake->on("-m 'ietf-interfaces'", fake_runner::reply{0, R"({"i:i":{"n":1}})"});
-    auto first = handler->_cached_oper_get("ietf-interfaces");
-    const auto exported = std::chrono::steady_clock::now();
-    first["i:i"]["n"].SetInt(99);
-    EXPECT_EQ(to_json(handler->_cached_oper_get("ietf-interfaces")), R"({"i:i":{"n":1}})");
-    EXPECT_EQ(fake->count(oper), 1u);
-    // Every call is a cache hit until the entry goes stale.
-    EXPECT_TRUE(eventually(
-        [&] {
-            handler->_cached_oper_get("ietf-interfaces");
-            return fake->count(oper) == 2;
-        },
-        3s));
-    EXPECT_GE(std::chrono::steady_clock::now() - exported, 1000ms);
+TEST_F(Datastore, OperationalDocumentsAreCachedOneSecondAndChecked) {
+    fake->on("-d o -m ietf-interfaces", fake_executor::reply{0, R"({"i:i":{"n":1}})"});
+    EXPECT_EQ(to_json(handler->datastore().cached_oper("ietf-interfaces")), R"({"i:i":{"n":1}})");
+    EXPECT_EQ(to_json(handler->datastore().cached_oper("ietf-interfaces")), R"({"i:i":{"n":1}})");
+    EXPECT_EQ(fake->count("-m ietf-interfaces"), 1u);
+    // A write empties the cache.
+    running_is("{}");
+    handler->datastore().edit([](Document&) {});
+    handler->datastore().cached_oper("ietf-interfaces");
+    EXPECT_EQ(fake->count("-m ietf-interfaces"), 2u);
 
-    Document doc = parse(R"({"m:a":1})");
-    handler->import_data(doc, false);
-    handler->_cached_oper_get("ietf-interfaces");
-    EXPECT_EQ(fake->count(oper), 3u);
-    // A failed import empties the cache as well, and a failed export keeps nothing.
-    fake->on("--import", fake_runner::reply{256, ""});
-    EXPECT_THROW(handler->import_data(doc, true), dh_error);
-    handler->_cached_oper_get("ietf-interfaces");
-    EXPECT_EQ(fake->count(oper), 4u);
-    fake->on("-m 'other'", fake_runner::reply{0, "garbage"});
-    EXPECT_THROW(handler->_cached_oper_get("other"), dh_error);
-    EXPECT_THROW(handler->_cached_oper_get("other"), dh_error);
-    EXPECT_EQ(fake->count("-m 'other'"), 2u);
+    fake->on("-m other", fake_executor::reply{0, "not json"});
+    EXPECT_EQ(error_of([&] { handler->datastore().cached_oper("other"); }),
+              "22 Invalid json in response");
 }
 
 }  // namespace

@@ -11,8 +11,8 @@ using Dns = handler_test;
 
 TEST_F(Dns, UpdateCreatesChangesAndRemovesTheFirstEntryOfARole) {
     Document doc = parse(R"({"ietf-interfaces:interfaces":{}})");
-    handler->update_dns_server(doc, "secondary", "10.0.0.2");
-    handler->update_dns_server(doc, "primary", "10.0.0.1");
+    handler->dns().update_dns_server(doc, "secondary", "10.0.0.2");
+    handler->dns().update_dns_server(doc, "primary", "10.0.0.1");
     EXPECT_EQ(to_json(doc),
               R"({"ietf-interfaces:interfaces":{},"ietf-system:system":{"dns-resolver":{"server":[)"
               R"({"udp-and-tcp":{"address":"10.0.0.2"},"name":"secondary"},)"
@@ -23,28 +23,28 @@ TEST_F(Dns, UpdateCreatesChangesAndRemovesTheFirstEntryOfARole) {
         {"name":"primary","udp-and-tcp":{"address":"1.1.1.1","port":53}},
         {"name":"primary"},
         {"name":"secondary","udp-and-tcp":{"address":"2.2.2.2"}}]}}})");
-    handler->update_dns_server(doc, "primary", "fd00::1");
-    handler->update_dns_server(doc, "secondary", "");
-    handler->update_dns_server(doc, "secondary", "");
+    handler->dns().update_dns_server(doc, "primary", "fd00::1");
+    handler->dns().update_dns_server(doc, "secondary", "");
+    handler->dns().update_dns_server(doc, "secondary", "");
     EXPECT_EQ(to_json(doc), R"({"ietf-system:system":{"dns-resolver":{"search":["x"],"server":[)"
                             R"({"name":"tertiary","udp-and-tcp":{"address":"9.9.9.9"}},)"
                             R"({"name":"primary","udp-and-tcp":{"address":"fd00::1","port":53}},)"
                             R"({"name":"primary"}]}}})");
     // The reader lists every entry of a role that has an address, in array order.
-    EXPECT_EQ(to_json(handler->get_dns_servers(doc)), R"({"primaryDnsIpAddress":"fd00::1"})");
-    handler->update_dns_server(doc, "secondary", "2.2.2.2");
-    handler->update_dns_server(doc, "primary", "");
-    handler->update_dns_server(doc, "primary", "3.3.3.3");
-    EXPECT_EQ(to_json(handler->get_dns_servers(doc)),
+    EXPECT_EQ(to_json(handler->dns().get_dns_servers(doc)), R"({"primaryDnsIpAddress":"fd00::1"})");
+    handler->dns().update_dns_server(doc, "secondary", "2.2.2.2");
+    handler->dns().update_dns_server(doc, "primary", "");
+    handler->dns().update_dns_server(doc, "primary", "3.3.3.3");
+    EXPECT_EQ(to_json(handler->dns().get_dns_servers(doc)),
               R"({"primaryDnsIpAddress":"3.3.3.3","secondaryDnsIpAddress":"2.2.2.2"})");
-    EXPECT_EQ(to_json(handler->get_dns_servers(running_doc())),
+    EXPECT_EQ(to_json(handler->dns().get_dns_servers(running_doc())),
               R"({"primaryDnsIpAddress":"10.0.0.53","secondaryDnsIpAddress":"fd00::53"})");
 
     // Removing from a document without the array leaves it untouched.
     doc = parse(R"({"ietf-system:system":{}})");
-    handler->update_dns_server(doc, "primary", "");
+    handler->dns().update_dns_server(doc, "primary", "");
     EXPECT_EQ(to_json(doc), R"({"ietf-system:system":{}})");
-    EXPECT_EQ(to_json(handler->get_dns_servers(doc)), "{}");
+    EXPECT_EQ(to_json(handler->dns().get_dns_servers(doc)), "{}");
 }
 
 TEST_F(Dns, InvalidAddressesAreRefusedBeforeAnythingRuns) {
@@ -56,9 +56,9 @@ TEST_F(Dns, InvalidAddressesAreRefusedBeforeAnythingRuns) {
         {R"({"secondaryDnsIpAddress":5})", "5"},
     };
     for (auto [json, address] : cases)
-        EXPECT_EQ(error_of([&] { handler->set_dns_servers(parse(json)); }),
+        EXPECT_EQ(error_of([&] { handler->dns().set_dns_servers(parse(json)); }),
                   std::string("-22 Invalid DNS server address: ") + address);
-    EXPECT_EQ(error_of([&] { handler->set_dns_servers(parse(R"(["1.1.1.1"])")); }),
+    EXPECT_EQ(error_of([&] { handler->dns().set_dns_servers(parse(R"(["1.1.1.1"])")); }),
               "-22 Invalid DNS settings format.");
     EXPECT_TRUE(fake->calls().empty());
 }

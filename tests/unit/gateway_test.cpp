@@ -13,7 +13,7 @@ std::string routing(const std::string& protocols) {
 
 TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
     Document doc = parse("{}");
-    handler->update_gateway(doc, "10.0.0.254");
+    handler->interfaces().update_gateway(doc, "10.0.0.254");
     const std::string created =
         R"({"type":"infix-routing:static","name":"default","static-routes":{)"
         R"("ietf-ipv4-unicast-routing:ipv4":{"route":[{"destination-prefix":"0.0.0.0/0",)"
@@ -29,40 +29,44 @@ TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
         return routing(std::string(routes).replace(routes.find("{}"), 2, hop));
     };
     doc = parse(with_hop("1.1.1.1"));
-    handler->update_gateway(doc, "10.0.0.1");
+    handler->interfaces().update_gateway(doc, "10.0.0.1");
     EXPECT_EQ(to_json(doc), with_hop("10.0.0.1"));
 
     doc = parse(routing(R"({"type":"infix-routing:ospfv2"},)" + created));
-    handler->update_gateway(doc, "");
+    handler->interfaces().update_gateway(doc, "");
     EXPECT_EQ(to_json(doc), routing(R"({"type":"infix-routing:ospfv2"})"));
 
     // A static entry without routes is left without a gateway.
     const std::string empty_routes = routing(
         R"({"type":"infix-routing:static","static-routes":{"ietf-ipv4-unicast-routing:ipv4":{"route":[]}}})");
     doc = parse(empty_routes);
-    handler->update_gateway(doc, "10.0.0.1");
+    handler->interfaces().update_gateway(doc, "10.0.0.1");
     EXPECT_EQ(to_json(doc), empty_routes);
 }
 
 TEST_F(Gateway, SetAndGetThroughTheRunningConfiguration) {
     running_is(running_doc());
-    EXPECT_EQ(handler->get_gateway(), "192.0.2.1");
-    handler->set_gateway("192.0.2.254");
+    EXPECT_EQ(handler->interfaces().get_gateway(), "192.0.2.1");
+    handler->datastore().edit(
+        [](Document& d) { interfaces_unit::update_gateway(d, "192.0.2.254"); });
     keep_last_import();
-    EXPECT_EQ(handler->get_gateway(), "192.0.2.254");
+    EXPECT_EQ(handler->interfaces().get_gateway(), "192.0.2.254");
     EXPECT_EQ(imports("startup").size(), 1u);
 
-    EXPECT_EQ(error_of([&] { handler->set_gateway("gw.example"); }),
+    EXPECT_EQ(error_of([&] {
+                  handler->datastore().edit(
+                      [](Document& d) { interfaces_unit::update_gateway(d, "gw.example"); });
+              }),
               "-22 Invalid gateway address: gw.example");
     EXPECT_EQ(imports().size(), 1u);
 
     // The document edit of a removal is checked above.
-    handler->set_gateway("");
+    handler->datastore().edit([](Document& d) { interfaces_unit::update_gateway(d, ""); });
     keep_last_import();
-    EXPECT_EQ(handler->get_gateway(), "0.0.0.0");
+    EXPECT_EQ(handler->interfaces().get_gateway(), "0.0.0.0");
     running_is(routing(
         R"({"type":"infix-routing:static","static-routes":{"ietf-ipv4-unicast-routing:ipv4":{"route":[]}}})"));
-    EXPECT_EQ(handler->get_gateway(), "0.0.0.0");
+    EXPECT_EQ(handler->interfaces().get_gateway(), "0.0.0.0");
 }
 
 }  // namespace

@@ -1,7 +1,10 @@
 #pragma once
 
+#include <stdlib.h>
+
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -19,6 +22,7 @@
 #include <rapidjson/writer.h>
 
 #include "dh_error.hpp"
+#include "door.hpp"
 #include "log_capture.hpp"
 #include "msg_log.hpp"
 #include "sysrepo_common.hpp"
@@ -31,27 +35,22 @@ inline const std::string ns = "nsenter -m/1/ns/mnt -u/1/ns/uts -i/1/ns/ipc -n/1/
 
 using texts = std::vector<std::string>;
 
-// Replaces the process-wide command runner while its guard lives. Every command is recorded with
-// its kind and input; the latest rule whose needle the command contains answers it (exit 0 and
-// no output when none does).
-class fake_runner : public sysrepo_common::command_runner {
+// An executor that starts nothing. Every command is recorded with its argv, its options and its
+// text (host::command_text); the latest rule whose needle the text or the standard input contains
+// answers it (exit 0 and no output when none does).
+class fake_executor : public host::executor {
   public:
     struct call {
-        enum kind_t { capture, feed, system } kind;
-        std::string cmd, input;
+        host::argv_t argv;
+        host::options opts;
+        std::string cmd;
+        std::string input() const { return opts.input.value_or(""); }
     };
     struct reply {
         int status = 0;
         std::string output;
     };
     using rule = std::function<reply(const call&)>;
-
-    struct guard {
-        std::shared_ptr<fake_runner> runner = std::make_shared<fake_runner>();
-        std::shared_ptr<command_runner> previous = sysrepo_common::set_command_runner(runner);
-        ~guard() { sysrepo_common::set_command_runner(previous); }
-        fake_runner* operator->() const { return runner.get(); }
-    };
 
     void on(std::string needle, reply r) {
         on(std::move(needle), [r](const call&) { return r; });
@@ -69,6 +68,13 @@ class fake_runner : public sysrepo_common::command_runner {
         for (const auto& c : calls()) out.push_back(c.cmd);
         return out;
     }
+    // The standard input of every command whose text is `cmd`.
+    texts inputs(const std::string& cmd) const {
+        texts out;
+        for (const auto& c : calls())
+            if (c.cmd == cmd) out.push_back(c.input());
+        return out;
+    }
     // How many recorded commands contain `needle`.
     std::size_t count(std::string_view needle) const {
         std::size_t n = 0;
@@ -80,33 +86,54 @@ class fake_runner : public sysrepo_common::command_runner {
         calls_.clear();
     }
 
-    int run_capture(const std::string& cmd, std::string& output) override {
-        auto r = answer({call::capture, cmd, {}});
-        output += r.output;
-        return r.status;
-    }
-    int run_feed(const std::string& cmd, std::string_view input) override {
-        return answer({call::feed, cmd, std::string(input)}).status;
-    }
-    int run_system(const std::string& cmd) override {
-        return answer({call::system, cmd, {}}).status;
-    }
-
-  private:
-    reply answer(const call& c) {
+    host::result run(const host::argv_t& argv, const host::options& opts) override {
+        call c{argv, opts, host::command_text(argv, opts)};
         std::unique_lock lock(mutex_);
         calls_.push_back(c);
         auto it = std::find_if(rules_.begin(), rules_.end(), [&](const auto& r) {
-            return c.cmd.find(r.first) != std::string::npos;
+            return c.cmd.find(r.first) != std::string::npos ||
+                   c.input().find(r.first) != std::string::npos;
         });
         const rule f = it != rules_.end() ? it->second : rule();
         lock.unlock();
-        return f ? f(c) : reply{};
+        const reply r = f ? f(c) : reply{};
+        return {r.status, false, r.output};
     }
 
+  private:
     mutable std::mutex mutex_;  // guards both lists
     std::vector<call> calls_;
     std::vector<std::pair<std::string, rule>> rules_;
+};
+
+// A temporary directory that stands for the device's filesystem root.
+class temp_root {
+  public:
+    temp_root() {
+        std::string templ = (std::filesystem::temp_directory_path() / "dh-root-XXXXXX").string();
+        path_ = mkdtemp(templ.data());
+    }
+    ~temp_root() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    const std::filesystem::path& path() const { return path_; }
+    // The text of a file under the root, or "absent".
+    std::string read(const std::string& device_path) const {
+        std::ifstream in(path_ / std::filesystem::path(device_path).relative_path());
+        if (!in) return "absent";
+        std::stringstream text;
+        text << in.rdbuf();
+        return text.str();
+    }
+    void write(const std::string& device_path, const std::string& text) const {
+        const auto file = path_ / std::filesystem::path(device_path).relative_path();
+        std::filesystem::create_directories(file.parent_path());
+        std::ofstream(file) << text;
+    }
+
+  private:
+    std::filesystem::path path_;
 };
 
 inline std::string to_json(const dh::Value& v) {
@@ -174,13 +201,16 @@ inline std::string read_node(dh_db& db, const std::string& path) {
     return error == "no error" ? to_json(out) : "error " + error;
 }
 
-// A handler whose host commands go to a fake runner. Exports answer whatever document the test
-// last gave; every import is recorded.
+// A handler whose host commands go to a fake executor and whose files lie under a temporary
+// root. Exports of running and startup answer whatever document the test last gave; every import
+// is recorded.
 class handler_test : public testing::Test {
   protected:
-    fake_runner::guard fake;
+    temp_root root;
+    std::shared_ptr<fake_executor> fake = std::make_shared<fake_executor>();
     dh_db db;
-    std::shared_ptr<sysrepo_device_handler> handler = std::make_shared<sysrepo_device_handler>(db);
+    std::unique_ptr<sysrepo_device_handler> handler =
+        std::make_unique<sysrepo_device_handler>(db, fake, root.path());
 
     // data/running.json, a running configuration as the device holds it, with `edits` (JSON
     // pointer, JSON text) applied.
@@ -193,7 +223,11 @@ class handler_test : public testing::Test {
         return doc;
     }
     void running_is(const std::string& json) {
-        fake->on("--export -f json -d running", fake_runner::reply{0, json});
+        fake->on("--export -f json -d running", fake_executor::reply{0, json});
+        fake->on("--export -f json -d startup", fake_executor::reply{0, json});
+        Document doc;
+        doc.Parse(json.c_str());
+        handler->datastore().note_startup(doc, doc);
     }
     void running_is(const Document& doc) { running_is(to_json(doc)); }
 
@@ -201,9 +235,8 @@ class handler_test : public testing::Test {
     std::vector<std::string> imports(const std::string& ds = "running") const {
         std::vector<std::string> out;
         for (const auto& c : fake->calls())
-            if (c.kind == fake_runner::call::feed &&
-                c.cmd == ns + "sysrepocfg --import -f json -d " + ds + " -t 30")
-                out.push_back(c.input);
+            if (c.cmd == ns + "sysrepocfg --import -f json -d " + ds + " -t 30")
+                out.push_back(c.input());
         return out;
     }
     // Fails the test (an empty text does not parse) when nothing was imported.
@@ -216,6 +249,18 @@ class handler_test : public testing::Test {
         const auto all = imports();
         ASSERT_FALSE(all.empty());
         running_is(all.back());
+    }
+
+    // Starts the handler on data/running.json and data/operational.json, without optical modules.
+    void start_handler() {
+        running_is(running_doc());
+        fake->on("-d o -x /ietf-interfaces:interfaces",
+                 fake_executor::reply{0, data_file("operational.json")});
+        fake->on("cat /etc/version",
+                 fake_executor::reply{0, "QMX QMX-RB-16E 2.3.1 -- build 20261101\n"});
+        root.write("/etc/image/image_name.txt", " qmx-dh-container 1.0.0 \n");
+        fake->on("ethtool", fake_executor::reply{256, ""});
+        handler->start();
     }
 
     static const dh::Value* at(const dh::Value& doc, const std::string& pointer) {

@@ -19,7 +19,7 @@ class Interfaces : public handler_test {
         return R"({"forwarding":true,"address":[)" + list + "]}";
     }
     std::string set(const char* name, const std::string& request) {
-        return error_of([&] { handler->set_ifconf(name, parse(request)); });
+        return error_of([&] { handler->interfaces().set_ifconf(name, parse(request)); });
     }
 };
 
@@ -77,24 +77,24 @@ TEST_F(Interfaces, UpdateKeepsTheManagementAddressFirstOnE28) {
     const std::string own = R"({"ip":"10.0.28.1","prefix-length":30})";
     const std::string mgmt = R"({"ip":"192.0.2.11","prefix-length":25})";
     // A new management address replaces the old one on both, and e28 keeps its own.
-    handler->update_ifconf(doc, "mgmt", "192.0.2.11", 25, true);
+    handler->interfaces().update_ifconf(doc, "mgmt", "192.0.2.11", 25, true);
     EXPECT_EQ(ipv4_of(doc, "mgmt"), addresses(mgmt));
     EXPECT_EQ(ipv4_of(doc, "e28"), addresses(mgmt + "," + own));
-    handler->update_ifconf(doc, "e28", "10.0.28.5", 24, true);
+    handler->interfaces().update_ifconf(doc, "e28", "10.0.28.5", 24, true);
     EXPECT_EQ(ipv4_of(doc, "e28"), addresses(mgmt + R"(,{"ip":"10.0.28.5","prefix-length":24})"));
-    handler->update_ifconf(doc, "e28", "", 0, true);
+    handler->interfaces().update_ifconf(doc, "e28", "", 0, true);
     EXPECT_EQ(ipv4_of(doc, "e28"), addresses(mgmt));
-    handler->update_ifconf(doc, "mgmt", "", 0, true);
+    handler->interfaces().update_ifconf(doc, "mgmt", "", 0, true);
     EXPECT_EQ(ipv4_of(doc, "mgmt") + ipv4_of(doc, "e28"), "nonenone");
-    handler->update_ifconf(doc, "e28", "10.0.28.1", 30, true);
+    handler->interfaces().update_ifconf(doc, "e28", "10.0.28.1", 30, true);
     EXPECT_EQ(ipv4_of(doc, "e28"), addresses(own));
 
     // Element 0 of any other interface is replaced, further addresses stay.
     doc = parse(R"({"ietf-interfaces:interfaces":{"interface":[{"name":"e3","ietf-ip:ipv4":)"
                 R"({"forwarding":false,"address":[{"ip":"1.1.1.1","prefix-length":8},)"
                 R"({"ip":"2.2.2.2","prefix-length":8}]}}]}})");
-    handler->update_ifconf(doc, "e3", "3.3.3.3", 32, true);
-    handler->update_ifconf(doc, "e4", "4.4.4.4", 32, true);
+    handler->interfaces().update_ifconf(doc, "e3", "3.3.3.3", 32, true);
+    handler->interfaces().update_ifconf(doc, "e4", "4.4.4.4", 32, true);
     EXPECT_EQ(ipv4_of(doc, "e3"), addresses(R"({"ip":"3.3.3.3","prefix-length":32},)"
                                             R"({"ip":"2.2.2.2","prefix-length":8})"));
     EXPECT_EQ(ipv4_of(doc, "e4"), "no entry");
@@ -102,7 +102,9 @@ TEST_F(Interfaces, UpdateKeepsTheManagementAddressFirstOnE28) {
 
 TEST_F(Interfaces, ReadersOfConfiguredAndOperationalAddresses) {
     const Document doc = running_doc();
-    const auto get = [&](const char* name) { return to_json(handler->get_ifconf(doc, name)); };
+    const auto get = [&](const char* name) {
+        return to_json(handler->interfaces().get_ifconf(doc, name));
+    };
     EXPECT_EQ(get("e28"), R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.0",)"
                           R"("interface":{"ipAddress":"10.0.28.1","netmask":"255.255.255.252"}})");
     EXPECT_EQ(get("e2"), R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.255"})");
@@ -111,9 +113,9 @@ TEST_F(Interfaces, ReadersOfConfiguredAndOperationalAddresses) {
 
     // Reading e28 made both addresses known: the operational e28 holds both, each name answers
     // its own, and the same-address check now sees e28's.
-    fake->on("-d o -m 'ietf-interfaces'", fake_runner::reply{0, data_file("operational.json")});
+    fake->on("-d o -m ietf-interfaces", fake_executor::reply{0, data_file("operational.json")});
     const auto oper = [&](const char* name) {
-        return to_json(handler->get_ifconf_oper_ipv4(name));
+        return to_json(handler->interfaces().get_ifconf_oper_ipv4(name));
     };
     EXPECT_EQ(oper("mgmt"),
               R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.0","prefix-length":24})");
@@ -127,26 +129,29 @@ TEST_F(Interfaces, ReadersOfConfiguredAndOperationalAddresses) {
 
 TEST_F(Interfaces, EnableSwitch) {
     running_is(running_doc());
-    handler->set_ifconf_enabled("e13.21", 21, "down");
-    EXPECT_EQ(handler->get_ifconf_enabled(last_import(), "e13.21"), "down");
-    handler->set_ifconf_enabled("e14", 22, "up");
-    EXPECT_EQ(handler->get_ifconf_enabled(last_import(), "e14.22"), "up");
+    handler->interfaces().set_ifconf_enabled("e13.21", 21, "down");
+    EXPECT_EQ(handler->interfaces().get_ifconf_enabled(last_import(), "e13.21"), "down");
+    handler->interfaces().set_ifconf_enabled("e14", 22, "up");
+    EXPECT_EQ(handler->interfaces().get_ifconf_enabled(last_import(), "e14.22"), "up");
     // "enabled" defaults to true.
-    EXPECT_EQ(handler->get_ifconf_enabled(
+    EXPECT_EQ(handler->interfaces().get_ifconf_enabled(
                   parse(R"({"ietf-interfaces:interfaces":{"interface":[{"name":"e1"}]}})"), "e1"),
               "up");
-    EXPECT_EQ(error_of([&] { handler->set_ifconf_enabled("e99", std::nullopt, "up"); }),
-              "-22 Invalid interface name: e99");
-    EXPECT_EQ(error_of([&] { handler->set_ifconf_enabled("e1", 9, "up"); }),
+    EXPECT_EQ(
+        error_of([&] { handler->interfaces().set_ifconf_enabled("e99", std::nullopt, "up"); }),
+        "-22 Invalid interface name: e99");
+    EXPECT_EQ(error_of([&] { handler->interfaces().set_ifconf_enabled("e1", 9, "up"); }),
               "-22 Invalid interface name: e1.9");
-    EXPECT_EQ(error_of([&] { handler->set_ifconf_enabled("e1", std::nullopt, "UP"); }),
+    EXPECT_EQ(error_of([&] { handler->interfaces().set_ifconf_enabled("e1", std::nullopt, "UP"); }),
               "-22 Invalid adminStatus for e1: UP");
     EXPECT_EQ(imports().size(), 2u);
 }
 
 TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
     Document doc = running_doc();
-    const auto mode = [&](const char* name) { return handler->_get_interface_mode_str(doc, name); };
+    const auto mode = [&](const char* name) {
+        return handler->interfaces()._get_interface_mode_str(doc, name);
+    };
     log_capture logs;
     EXPECT_EQ(mode("e1") + " " + mode("e11") + " " + mode("e12") + " " + mode("e4"),
               "tunnelOnly mgmtOnly mgmtAndTunnel unknown");
@@ -156,10 +161,10 @@ TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
     EXPECT_EQ(error_of([&] { mode("e13"); }), "-22 Invalid interface name: e13");
 
     const auto startup_is = [&](const Document& d) {
-        fake->on("--export -f json -d startup", fake_runner::reply{0, to_json(d)});
+        fake->on("--export -f json -d startup", fake_executor::reply{0, to_json(d)});
     };
     startup_is(doc);
-    handler->set_interface_mode("e12", "tunnelOnly");
+    handler->interfaces().set_interface_mode("e12", "tunnelOnly");
     EXPECT_EQ(fake->count("-d running"), 0u);
     ASSERT_EQ(imports("startup").size(), 1u);
     doc = last_import("startup");
@@ -173,12 +178,12 @@ TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
     EXPECT_EQ(json_at(parse(ospf_iface(doc, "0.0.0.1", "e12")), "/enabled"), "true");
 
     startup_is(doc);
-    handler->set_interface_mode("e12", "mgmtOnly");
+    handler->interfaces().set_interface_mode("e12", "mgmtOnly");
     doc = last_import("startup");
     EXPECT_EQ(mode("e12"), "mgmtOnly");
-    EXPECT_EQ(error_of([&] { handler->set_interface_mode("e13", "mgmtOnly"); }),
+    EXPECT_EQ(error_of([&] { handler->interfaces().set_interface_mode("e13", "mgmtOnly"); }),
               "-22 Invalid interface name: e13");
-    EXPECT_EQ(error_of([&] { handler->set_interface_mode("e1", "both"); }),
+    EXPECT_EQ(error_of([&] { handler->interfaces().set_interface_mode("e1", "both"); }),
               "-22 Unknown interface mode: both");
 }
 

@@ -30,8 +30,9 @@ TEST(LldpNeighbours, InterfaceArrayAndItsSplitByPort) {
 class Lldp : public handler_test {
   protected:
     void SetUp() override {
-        fake->on("lldpctl", fake_runner::reply{0, two_ports});
-        handler->lldp_init();
+        fake->on("lldpctl", fake_executor::reply{0, two_ports});
+        start_handler();
+        fake->clear();
         // The value group polls once when the node joins; later polls are 30 s apart.
         ASSERT_TRUE(reads_soon("data/any/lldp/neighbours", "[]"));
     }
@@ -45,7 +46,7 @@ TEST_F(Lldp, SwitchingOnFetchesAtOnceAndSwitchingOffEmpties) {
     EXPECT_EQ(read_node(db, "config/e1/lldp/enable"), "false");
     EXPECT_EQ(read_node(db, "data/e12/lldp/neighbours"), "[]");
     EXPECT_EQ(read_node(db, "data/e13/lldp/neighbours"), "missing");
-    EXPECT_EQ(to_json(handler->lldp_update_neighbours()), "[]");
+    EXPECT_EQ(to_json(handler->lldp().lldp_update_neighbours()), "[]");
     EXPECT_EQ(fake->count("lldpctl"), 0u);
 
     Document on;
@@ -54,25 +55,25 @@ TEST_F(Lldp, SwitchingOnFetchesAtOnceAndSwitchingOffEmpties) {
     ASSERT_TRUE(
         reads_soon("data/e2/lldp/neighbours",
                    R"([{"chassis":{"sw-a":{}},"port":{"descr":"p1"}},{"chassis":{"sw-c":{}}}])"));
-    EXPECT_EQ(fake->commands(), texts{ns + " /sbin/lldpctl -f json"});
+    EXPECT_EQ(fake->count(ns + "/sbin/lldpctl -f json"), 1u);
     // Ports that are off stay empty, while the device-wide value lists every port.
     EXPECT_EQ(read_node(db, "data/e1/lldp/neighbours"), "[]");
     EXPECT_TRUE(
         reads_soon("data/any/lldp/neighbours", to_json(lldp_neighbours::interfaces(two_ports))));
 
-    handler->lldp_set_enable("e2", true);
+    handler->lldp().lldp_set_enable("e2", true);
     EXPECT_EQ(fake->count("lldpctl"), 1u);
-    handler->lldp_set_enable("e2", false);
+    handler->lldp().lldp_set_enable("e2", false);
     EXPECT_EQ(read_node(db, "data/e2/lldp/neighbours"), "[]");
-    EXPECT_FALSE(handler->lldp_get_enable("e2"));
-    EXPECT_THROW(handler->lldp_set_enable("e13", true), std::out_of_range);
+    EXPECT_FALSE(handler->lldp().lldp_get_enable("e2"));
+    EXPECT_THROW(handler->lldp().lldp_set_enable("e13", true), std::out_of_range);
 }
 
 TEST_F(Lldp, UnparsableOutputChangesNoPort) {
-    handler->lldp_set_enable("e1", true);
+    handler->lldp().lldp_set_enable("e1", true);
     ASSERT_TRUE(reads_soon("data/e1/lldp/neighbours", R"([{"chassis":{"sw-b":{}}}])"));
-    fake->on("lldpctl", fake_runner::reply{0, "garbage"});
-    EXPECT_EQ(error_of([&] { handler->lldp_update_neighbours(); }),
+    fake->on("lldpctl", fake_executor::reply{0, "garbage"});
+    EXPECT_EQ(error_of([&] { handler->lldp().lldp_update_neighbours(); }),
               "-22 Invalid json response: garbage");
     EXPECT_EQ(read_node(db, "data/e1/lldp/neighbours"), R"([{"chassis":{"sw-b":{}}}])");
 }

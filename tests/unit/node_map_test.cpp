@@ -11,14 +11,7 @@ namespace {
 class NodeMap : public handler_test {
   protected:
     void SetUp() override {
-        running_is(running_doc());
-        fake->on("-d o -x '/ietf-interfaces:interfaces'", fake_runner::reply{0, oper});
-        fake->on("cat /etc/version",
-                 fake_runner::reply{0, "QMX QMX-RB-16E 2.3.1 -- build 20261101\n"});
-        fake->on("cat /etc/image/image_name.txt",
-                 fake_runner::reply{0, " qmx-dh-container 1.0.0 \n"});
-        fake->on("ethtool", fake_runner::reply{256, ""});
-        handler->start();
+        start_handler();
         exports_at_start = fake->count("sysrepocfg --export");
     }
 
@@ -63,7 +56,7 @@ TEST_F(NodeMap, InitialValuesComeFromTheStartUpDocuments) {
 TEST_F(NodeMap, PollThreadPushesLinkChangesAndStopsPromptly) {
     const std::string up = R"("oper-status": "up")";
     oper.replace(oper.find(up), up.size(), R"("oper-status": "down")");
-    fake->on("-d o -x '/ietf-interfaces:interfaces'", fake_runner::reply{0, oper});
+    fake->on("-d o -x /ietf-interfaces:interfaces", fake_executor::reply{0, oper});
     EXPECT_TRUE(eventually([&] { return read_node(db, "data/e1/linkStatus") == R"("down")"; }));
 
     const auto stopping = std::chrono::steady_clock::now();

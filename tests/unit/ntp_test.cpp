@@ -60,24 +60,25 @@ class Ntp : public handler_test {
     // The NTP settings of the last import, after the running configuration had `servers`.
     std::string set_server(const char* servers, bool primary, const std::string& address) {
         running_is(running_doc({{std::string(ntp) + "/server", servers}}));
-        handler->set_ntp_server(primary, address);
+        handler->ntp().set_ntp_server(primary, address);
         return json_at(last_import(), ntp);
     }
 };
 
 TEST_F(Ntp, StatusReadsChronySelectionOnlyWhileEnabled) {
-    fake->on("chronyc", fake_runner::reply{0, "+,10.0.0.1,1\n*,10.0.0.1,1\nN,10.0.0.2,1\n"});
+    fake->on("chronyc", fake_executor::reply{0, "+,10.0.0.1,1\n*,10.0.0.1,1\nN,10.0.0.2,1\n"});
     running_is(running_doc({{"/ietf-system:system/ntp/enabled", "false"}}));
-    EXPECT_EQ(to_json(handler->get_ntp_status()), R"({"primary":"-","secondary":"-","overall":0})");
+    EXPECT_EQ(to_json(handler->ntp().get_ntp_status()),
+              R"({"primary":"-","secondary":"-","overall":0})");
     EXPECT_EQ(fake->count("chronyc"), 0u);
 
     running_is(running_doc());
-    EXPECT_EQ(to_json(handler->get_ntp_status()),
+    EXPECT_EQ(to_json(handler->ntp().get_ntp_status()),
               R"j({"primary":"synchronized (*)","secondary":"not connected (N)","overall":2})j");
-    EXPECT_EQ(fake->commands().back(), ns + " /bin/chronyc -cN selectdata");
-    fake->on("chronyc", fake_runner::reply{256, ""});
-    EXPECT_EQ(error_of([&] { handler->get_ntp_status(); }),
-              "-1 Failed to call: " + ns + " /bin/chronyc -cN selectdata");
+    EXPECT_EQ(fake->commands().back(), ns + "/bin/chronyc -cN selectdata");
+    fake->on("chronyc", fake_executor::reply{256, ""});
+    EXPECT_EQ(error_of([&] { handler->ntp().get_ntp_status(); }),
+              "-1 Failed to call: " + ns + "/bin/chronyc -cN selectdata");
 }
 
 TEST_F(Ntp, ServerEntriesAreCreatedReplacedAndRemovedByRole) {
@@ -91,8 +92,8 @@ TEST_F(Ntp, ServerEntriesAreCreatedReplacedAndRemovedByRole) {
     // Running first, then startup, then the daemon restarts.
     EXPECT_EQ(imports("startup"), imports("running"));
     const auto calls = fake->calls();
-    EXPECT_EQ(calls.back().kind, fake_runner::call::system);
-    EXPECT_EQ(calls.back().cmd, "/etc/init.d/ntpd restart &");
+    EXPECT_EQ(calls.back().cmd, "/etc/init.d/ntpd restart");
+    EXPECT_TRUE(calls.back().opts.detach);
 
     EXPECT_EQ(set_server(secondary_only, false, "10.0.0.3"),
               R"({"enabled":true,"server":[{"name":"secondary","udp":{"address":"10.0.0.3",)"
@@ -102,7 +103,7 @@ TEST_F(Ntp, ServerEntriesAreCreatedReplacedAndRemovedByRole) {
         R"({"enabled":true,"server":[{"name":"secondary"}]})");
 
     running_is(R"({"ietf-system:system":{}})");
-    handler->set_ntp_server(false, "ntp.example");
+    handler->ntp().set_ntp_server(false, "ntp.example");
     EXPECT_EQ(json_at(last_import(), ntp),
               R"({"enabled":false,"server":[{"udp":{"address":"ntp.example"},"name":"secondary",)"
               R"("association-type":"server","iburst":true}]})");
@@ -111,7 +112,7 @@ TEST_F(Ntp, ServerEntriesAreCreatedReplacedAndRemovedByRole) {
 TEST_F(Ntp, MixedKindsAndUnsafeAddressesAreRefused) {
     running_is(running_doc({{"/ietf-system:system/ntp/server/0/udp/address", "\"ntp.example\""}}));
     EXPECT_EQ(
-        error_of([&] { handler->set_ntp_server(false, "10.0.0.2"); }),
+        error_of([&] { handler->ntp().set_ntp_server(false, "10.0.0.2"); }),
         "-22 Both NTP servers must be either IP address or DNS name: (10.0.0.2, ntp.example).");
     EXPECT_TRUE(imports().empty());
     // "n/a" stands for no server.
@@ -121,7 +122,7 @@ TEST_F(Ntp, MixedKindsAndUnsafeAddressesAreRefused) {
               R"("iburst":true}]})");
 
     fake->clear();
-    EXPECT_EQ(error_of([&] { handler->set_ntp_server(true, "x'; touch /tmp/canary; '"); }),
+    EXPECT_EQ(error_of([&] { handler->ntp().set_ntp_server(true, "x'; touch /tmp/canary; '"); }),
               "-22 Invalid NTP server address: x'; touch /tmp/canary; '");
     EXPECT_TRUE(fake->calls().empty());
 }
@@ -130,18 +131,18 @@ TEST_F(Ntp, AdminStatusIsCaseSensitiveAndLogged) {
     running_is(R"({"ietf-system:system":{"ntp":{"enabled":false}}})");
     log_capture logs;
     const std::string message = "ntp admin status should be either 'up' or 'down' , not:Up";
-    EXPECT_EQ(error_of([&] { handler->set_ntp_adminStatus("Up"); }), "-22 " + message);
+    EXPECT_EQ(error_of([&] { handler->ntp().set_ntp_adminStatus("Up"); }), "-22 " + message);
     EXPECT_EQ(logs.where(message), texts{"3 set_ntp_adminStatus"});
     EXPECT_TRUE(fake->calls().empty());
 
-    handler->set_ntp_adminStatus("up");
+    handler->ntp().set_ntp_adminStatus("up");
     EXPECT_EQ(imports().back(), R"({"ietf-system:system":{"ntp":{"enabled":true}}})");
-    EXPECT_EQ(fake->commands().back(), "/etc/init.d/ntpd restart &");
+    EXPECT_EQ(fake->commands().back(), "/etc/init.d/ntpd restart");
 
     // An export that did not parse is never written back over the datastore.
     running_is("not json");
     fake->clear();
-    EXPECT_EQ(error_of([&] { handler->set_ntp_adminStatus("down"); }),
+    EXPECT_EQ(error_of([&] { handler->ntp().set_ntp_adminStatus("down"); }),
               "22 Invalid json in response");
     EXPECT_TRUE(imports().empty());
 }

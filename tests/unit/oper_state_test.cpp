@@ -24,15 +24,15 @@ TEST(OperState, StatusTextsFromInterfaceEntries) {
             s.admin_status + " " + s.link_status + " " + s.link_media_type + " " + s.bridge_port,
             expected);
     }
-    EXPECT_EQ(sysrepo_device_handler::get_ifconf_oper_macaddr(oper, "e1"), "02:00:00:00:00:01");
-    EXPECT_EQ(sysrepo_device_handler::get_ifconf_oper_macaddr(oper, "e12"), "");
-    EXPECT_EQ(sysrepo_device_handler::get_ifconf_oper_macaddr(oper, "e99"), "");
+    EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(oper, "e1"), "02:00:00:00:00:01");
+    EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(oper, "e12"), "");
+    EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(oper, "e99"), "");
 
     // A failed or empty export: every lookup finds nothing instead of failing.
     for (const char* json : {"null", "{}", R"({"ietf-interfaces:interfaces": []})",
                              R"({"ietf-interfaces:interfaces": {"interface": {}}})"}) {
         EXPECT_EQ(find_oper_interface(parse(json), "e1"), nullptr) << json;
-        EXPECT_EQ(sysrepo_device_handler::get_ifconf_oper_macaddr(parse(json), "e1"), "") << json;
+        EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(parse(json), "e1"), "") << json;
     }
 }
 

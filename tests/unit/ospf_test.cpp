@@ -14,12 +14,13 @@ class Ospf : public handler_test {
     // which routes on its tunnel sub-interface e12.8.
     void generate() {
         running_is(running_doc());
-        handler->get_ifconf(running_doc(), "e28");  // the management address is the router id
-        handler->ospf_init();
-        handler->set_ospf_area_id("0.0.0.1");
-        handler->set_ospf_adminStatus("up");
-        handler->set_ospf_if_adminStatus("e1", "up");
-        handler->set_ospf_if_adminStatus("e12", "up");
+        handler->interfaces().get_ifconf(running_doc(),
+                                         "e28");  // the management address is the router id
+        handler->ospf().ospf_init();
+        handler->ospf().set_ospf_area_id("0.0.0.1");
+        handler->ospf().set_ospf_adminStatus("up");
+        handler->ospf().set_ospf_if_adminStatus("e1", "up");
+        handler->ospf().set_ospf_if_adminStatus("e12", "up");
         keep_last_import();
     }
     bool has(const std::string& area, const std::string& name, const std::string& text) {
@@ -31,33 +32,33 @@ TEST_F(Ospf, RegeneratesTheDevicesEntryAndFollowsTheInterfaceModes) {
     generate();
     // data/running.json holds what the generator writes for this model; the static entry stays.
     EXPECT_EQ(json_at(last_import(), protocols), json_at(running_doc(), protocols));
-    EXPECT_EQ(handler->get_ospf_if_adminStatus(last_import(), "e12"), "up");
-    EXPECT_EQ(handler->get_ospf_if_adminStatus(last_import(), "e2"), "down");
-    EXPECT_EQ(error_of([&] { handler->set_ospf_if_adminStatus("e11", "up"); }),
+    EXPECT_EQ(handler->ospf().get_ospf_if_adminStatus(last_import(), "e12"), "up");
+    EXPECT_EQ(handler->ospf().get_ospf_if_adminStatus(last_import(), "e2"), "down");
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_if_adminStatus("e11", "up"); }),
               "-22 OSPF interface not found: e11 mgmtOnly");
-    EXPECT_EQ(error_of([&] { handler->set_ospf_if_adminStatus("e1", "on"); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_if_adminStatus("e1", "on"); }),
               "-22 Unknown adminStatus for: e1");
-    EXPECT_EQ(error_of([&] { handler->set_ospf_if_adminStatus("e1.8", "up"); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_if_adminStatus("e1.8", "up"); }),
               "-22 OSPF unknown interface: e1.8");
     // Taking e12 down leaves OSPF off on both the port and its sub-interface.
-    handler->set_ospf_if_adminStatus("e12", "down");
+    handler->ospf().set_ospf_if_adminStatus("e12", "down");
     EXPECT_FALSE(has("0.0.0.1", "e12", R"(","enabled":true)"));
     EXPECT_FALSE(has("0.0.0.1", "e12.8", R"(","enabled":true)"));
 }
 
 TEST_F(Ospf, AdminDownRemovesTheEntryAndEachGroupHasItsDefault) {
     running_is(running_doc());
-    handler->set_ospf_area_id("0.0.0.2");
+    handler->ospf().set_ospf_area_id("0.0.0.2");
     EXPECT_EQ(json_at(last_import(), protocols),
               "[" + json_at(running_doc(), protocols + "/1") + "]");
-    EXPECT_EQ(error_of([&] { handler->set_ospf_adminStatus("Up"); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_adminStatus("Up"); }),
               "-22 ospf admin status should be either 'up' or 'down' , not:Up");
-    EXPECT_EQ(error_of([&] { handler->set_ospf_area_id("area1"); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_area_id("area1"); }),
               R"(-22 OSPF area id must be an IP address: "area1".)");
     EXPECT_EQ(imports().size(), 1u);
 
     // Without ospf_init no interface is engaged, so each group shows its default.
-    handler->set_ospf_adminStatus("up");
+    handler->ospf().set_ospf_adminStatus("up");
     const Document imported = last_import();
     const auto& ospf = *at(imported, protocols + "/0/ietf-ospf:ospf");
     EXPECT_EQ(to_json(ospf["explicit-router-id"]), R"("")");
@@ -71,23 +72,24 @@ TEST_F(Ospf, AdminDownRemovesTheEntryAndEachGroupHasItsDefault) {
               R"({"name":"e21","enabled":true,"bfd":{"enabled":false},"passive":true})");
 }
 
-TEST_F(Ospf, ReplacesElementZeroWhereverTheOldEntryStood) {
+TEST_F(Ospf, ReplacesTheOldEntryWhereItStands) {
     running_is(running_doc({{protocols, R"([{"type":"infix-routing:static","name":"default"},)"
                                         R"({"type":"infix-routing:ospfv2","name":"default",)"
                                         R"("ietf-ospf:ospf":{}}])"}}));
-    handler->set_ospf_area_id("0.0.0.1");
-    handler->set_ospf_adminStatus("up");
+    handler->ospf().set_ospf_area_id("0.0.0.1");
+    handler->ospf().set_ospf_adminStatus("up");
+    // The static route keeps its place and content; the OSPF entry is replaced, not added.
     ASSERT_EQ(at(last_import(), protocols)->Size(), 2u);
-    EXPECT_NE(json_at(last_import(), protocols + "/0/ietf-ospf:ospf/areas"), "absent");
-    EXPECT_EQ(json_at(last_import(), protocols + "/1"),
-              R"({"type":"infix-routing:ospfv2","name":"default","ietf-ospf:ospf":{}})");
+    EXPECT_EQ(json_at(last_import(), protocols + "/0"),
+              R"({"type":"infix-routing:static","name":"default"})");
+    EXPECT_NE(json_at(last_import(), protocols + "/1/ietf-ospf:ospf/areas"), "absent");
 }
 
 TEST_F(Ospf, UplinkAreasAndSummary) {
     generate();
     std::string e27 = "0.0.0.2", e28 = "0.0.0.2";
-    handler->set_ospf_interface_area_id("e27", e27);
-    handler->set_ospf_interface_area_id("e28", e28);
+    handler->ospf().set_ospf_interface_area_id("e27", e27);
+    handler->ospf().set_ospf_interface_area_id("e28", e28);
     // The uplinks share one extra area carrying the e28 id, in a second "area" member.
     EXPECT_NE(imports().back().find(R"(],"area":[{"area-id":"0.0.0.2","area-type":"nssa-area",)"
                                     R"("interfaces":{"interface":[{"name":"e27")"),
@@ -98,9 +100,9 @@ TEST_F(Ospf, UplinkAreasAndSummary) {
     // instance area's summary off.
     e27 = "0.0.0.1";
     e28 = "0.0.0.3";
-    handler->set_ospf_interface_area_id("e27", e27);
-    handler->set_ospf_interface_area_id("e28", e28);
-    handler->set_ospf_if_adminStatus("e28", "up");
+    handler->ospf().set_ospf_interface_area_id("e27", e27);
+    handler->ospf().set_ospf_interface_area_id("e28", e28);
+    handler->ospf().set_ospf_if_adminStatus("e28", "up");
     EXPECT_TRUE(has("0.0.0.1", "e27", "e27"));
     EXPECT_EQ(ospf_iface(last_import(), "0.0.0.3", "e28"),
               R"({"name":"e28","enabled":true,"interface-type":"point-to-point",)"
@@ -110,58 +112,56 @@ TEST_F(Ospf, UplinkAreasAndSummary) {
 
     // An empty id takes the uplink out of OSPF; the id is never read back.
     e27.clear();
-    handler->set_ospf_interface_area_id("e27", e27);
+    handler->ospf().set_ospf_interface_area_id("e27", e27);
     EXPECT_EQ(ospf_iface(last_import(), "0.0.0.1", "e27"), "absent");
-    EXPECT_EQ(handler->get_ospf_interface_area_id(last_import(), "e28"), "");
     std::string bad = "x";
-    EXPECT_EQ(error_of([&] { handler->set_ospf_interface_area_id("e27", bad); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_interface_area_id("e27", bad); }),
               R"(-22 OSPF area ID for intreface must be an IP address: "x".)");
 }
 
 TEST_F(Ospf, MetricWritesTheCompanionAndRemovesTheDefaultCost) {
     generate();
-    handler->set_ospf_interface_metric("e5", 40);
+    handler->ospf().set_ospf_interface_metric("e5", 40);
     EXPECT_TRUE(has("0.0.0.1", "e5", R"("cost":40)"));
     EXPECT_TRUE(has("0.0.0.1", "e5.8", R"("cost":40)"));
-    EXPECT_EQ(handler->get_ospf_interface_metric(last_import(), "e5.8"), 40u);
+    EXPECT_EQ(handler->ospf().get_ospf_interface_metric(last_import(), "e5.8"), 40u);
     // The model keeps the cost: a regeneration writes it again.
-    handler->set_ospf_adminStatus("up");
+    handler->ospf().set_ospf_adminStatus("up");
     EXPECT_TRUE(has("0.0.0.1", "e5", R"("cost":40)"));
 
     keep_last_import();
-    handler->set_ospf_interface_metric("e5", 100);
+    handler->ospf().set_ospf_interface_metric("e5", 100);
     EXPECT_FALSE(has("0.0.0.1", "e5", "cost"));
     EXPECT_FALSE(has("0.0.0.1", "e5.8", "cost"));
-    EXPECT_EQ(handler->get_ospf_interface_metric(last_import(), "e5"), 100u);
+    EXPECT_EQ(handler->ospf().get_ospf_interface_metric(last_import(), "e5"), 100u);
 
-    handler->set_ospf_interface_metric("e13.21", 255);
-    EXPECT_EQ(error_of([&] { handler->set_ospf_interface_metric("e13.21", 256); }),
+    handler->ospf().set_ospf_interface_metric("e13.21", 255);
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_interface_metric("e13.21", 256); }),
               "-34 OSPF interface metric is not within range (0 to 255)");
     // e27 is looked for in its uplink area, and is not in any before it has one.
-    EXPECT_EQ(error_of([&] { handler->set_ospf_interface_metric("e27", 10); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_interface_metric("e27", 10); }),
               "-22 Unable to set metric: interface e27 not found.");
-    EXPECT_EQ(error_of([&] { handler->get_ospf_interface_metric(last_import(), "e27"); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().get_ospf_interface_metric(last_import(), "e27"); }),
               "-22 Unable to get metric: interface e27 not found.");
     std::string area = "0.0.0.7";
-    handler->set_ospf_interface_area_id("e27", area);
+    handler->ospf().set_ospf_interface_area_id("e27", area);
     keep_last_import();
-    handler->set_ospf_interface_metric("e27", 10);
+    handler->ospf().set_ospf_interface_metric("e27", 10);
     EXPECT_TRUE(has("0.0.0.7", "e27", R"("cost":10)"));
 }
 
 TEST_F(Ospf, PassiveWritesTheCompanionAndIsAnsweredFromTheModelOnceKnown) {
     generate();
     const Document before = last_import();
-    EXPECT_FALSE(handler->get_ospf_interface_passive(before, "e3"));
-    handler->set_ospf_interface_passive("e3", true);
+    EXPECT_FALSE(handler->ospf().get_ospf_interface_passive(before, "e3"));
+    handler->ospf().set_ospf_interface_passive("e3", true);
     EXPECT_TRUE(has("0.0.0.1", "e3", R"("passive":true)"));
     EXPECT_TRUE(has("0.0.0.1", "e3.8", R"("passive":true)"));
     // The document says false, the model says true.
-    EXPECT_TRUE(handler->get_ospf_interface_passive(before, "e3"));
-    EXPECT_EQ(handler->_get_ospf_interface_passive(before, "nope"), std::nullopt);
+    EXPECT_TRUE(handler->ospf().get_ospf_interface_passive(before, "e3"));
 
     running_is(running_doc({{protocols, "[]"}}));
-    EXPECT_EQ(error_of([&] { handler->set_ospf_interface_passive("e3", false); }),
+    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_interface_passive("e3", false); }),
               "-22 OSPF not possible to configure passive mode for interface 'e3'.");
 }
 

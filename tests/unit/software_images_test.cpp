@@ -60,9 +60,9 @@ TEST(RaucStatus, ShellFormLinesAndSlotDecisions) {
 class Images : public handler_test {
   protected:
     void answer_status(std::string before, std::string after) {
-        fake->on("rauc status --detailed", [this, before, after](const fake_runner::call&) {
+        fake->on("rauc status --detailed", [this, before, after](const fake_executor::call&) {
             std::lock_guard lock(mutex);
-            return fake_runner::reply{0, status_queries++ == 0 ? before : after};
+            return fake_executor::reply{0, status_queries++ == 0 ? before : after};
         });
     }
     std::mutex mutex;
@@ -72,16 +72,16 @@ class Images : public handler_test {
 TEST_F(Images, InstallIsVerifiedAndPassesEveryStatusText) {
     answer_status(rauc_text("primary", 3, 3), rauc_text("primary", 4, 4));
     texts seen;
-    fake->on("rauc install", [&](const fake_runner::call&) {
-        seen.push_back(handler->get_install_status());
-        return fake_runner::reply{0, "installing\n"};  // lacks the success lines: warning only
+    fake->on("rauc install", [&](const fake_executor::call&) {
+        seen.push_back(handler->images().get_install_status());
+        return fake_executor::reply{0, "installing\n"};  // lacks the success lines: warning only
     });
     log_capture logs;
-    EXPECT_TRUE(handler->boot_image(R"({"pkg":"http://host/b.raucb?v=2"})"));
+    EXPECT_TRUE(handler->images().boot_image(R"({"pkg":"http://host/b.raucb?v=2"})"));
     EXPECT_THAT(fake->commands(),
-                ElementsAre(status_cmd, ns + "rauc install http://host/b.raucb?v=2", status_cmd));
+                ElementsAre(status_cmd, ns + "rauc install 'http://host/b.raucb?v=2'", status_cmd));
     EXPECT_THAT(seen, ElementsAre("Installing slot target : secondary"));
-    EXPECT_EQ(handler->get_install_status(),
+    EXPECT_EQ(handler->images().get_install_status(),
               "Succsessfully verified the activation of the installation to slot target : "
               "secondary");
     EXPECT_EQ(
@@ -93,26 +93,30 @@ TEST_F(Images, InstallIsVerifiedAndPassesEveryStatusText) {
     fake->clear();
     status_queries = 0;
     fake->on("rauc install",
-             fake_runner::reply{0, "100% Installing done.\nInstalling succeeded\n"});
-    EXPECT_TRUE(handler->boot_image(R"({"pkg":"http://[2001:db8::1]/b.raucb","extra":1})"));
-    EXPECT_EQ(fake->commands().at(1), ns + "rauc install http://[2001:db8::1]/b.raucb");
+             fake_executor::reply{0, "100% Installing done.\nInstalling succeeded\n"});
+    EXPECT_TRUE(
+        handler->images().boot_image(R"({"pkg":"http://[2001:db8::1]/b.raucb","extra":1})"));
+    EXPECT_EQ(fake->commands().at(1), ns + "rauc install 'http://[2001:db8::1]/b.raucb'");
 
     // A string extra package runs its script first, in the daemon's own namespaces.
     fake->clear();
     status_queries = 0;
-    fake->on("handle_extra_package.sh", [&](const fake_runner::call&) {
-        seen.push_back(handler->get_install_status());
-        return fake_runner::reply{};
+    fake->on("handle_extra_package.sh", [&](const fake_executor::call&) {
+        seen.push_back(handler->images().get_install_status());
+        return fake_executor::reply{};
     });
-    EXPECT_TRUE(handler->boot_image(R"({"pkg":"http://h/b.raucb","extra":"http://h/e.sh"})"));
+    EXPECT_TRUE(
+        handler->images().boot_image(R"({"pkg":"http://h/b.raucb","extra":"http://h/e.sh"})"));
     const auto calls = fake->calls();
     ASSERT_EQ(calls.size(), 4u);
-    EXPECT_EQ(calls[0].kind, fake_runner::call::system);
-    EXPECT_THAT(calls[0].cmd,
+    EXPECT_EQ(calls[0].argv, (host::argv_t{"/bin/bash.bash", "/usr/bin/handle_extra_package.sh",
+                                           "--url", "http://h/e.sh"}));
+    EXPECT_FALSE(calls[0].opts.host_namespaces);
+    EXPECT_EQ(calls[0].opts.output_file, "/var/persistent/log/upgrade.log");
+    ASSERT_EQ(calls[0].opts.env.size(), 1u);
+    EXPECT_THAT(calls[0].opts.env[0],
                 ::testing::MatchesRegex(
-                    "ERR_MSG_FILE='/tmp/[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}' "
-                    "/bin/bash.bash /usr/bin/handle_extra_package.sh --url "
-                    "http://h/e.sh &>> /var/persistent/log/upgrade.log"));
+                    "ERR_MSG_FILE=/tmp/[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}"));
     EXPECT_EQ(calls[2].cmd, ns + "rauc install http://h/b.raucb");
     EXPECT_EQ(seen.back(), "Executing upgrade script");
 }
@@ -121,20 +125,21 @@ TEST_F(Images, InstallThatDoesNotActivateOrFails) {
     // Booted from secondary: the target is primary, whose counts (7, 7) must become (8, 8).
     answer_status(rauc_text("secondary", 0, 0), rauc_text("secondary", 0, 0, "ok", 8));
     fake->on("rauc install",
-             fake_runner::reply{0, "100% Installing done.\nInstalling succeeded\n"});
+             fake_executor::reply{0, "100% Installing done.\nInstalling succeeded\n"});
     const std::string text =
         "Failed verified the activation of the installation to slot target : primary";
-    EXPECT_EQ(error_of([&] { handler->boot_image("http://host/a.raucb"); }), "-5 " + text);
-    EXPECT_EQ(handler->get_install_status(), text);
+    EXPECT_EQ(error_of([&] { handler->images().boot_image("http://host/a.raucb"); }), "-5 " + text);
+    EXPECT_EQ(handler->images().get_install_status(), text);
 
     fake->clear();
     status_queries = 0;
     answer_status(rauc_text("primary", 3, 3), rauc_text("primary", 3, 3));
-    fake->on("rauc install", fake_runner::reply{256, "error\n"});
-    EXPECT_EQ(error_of([&] { handler->run_rauc_install_command("http://h/x"); }),
+    fake->on("rauc install", fake_executor::reply{256, "error\n"});
+    EXPECT_EQ(error_of([&] { handler->images().run_rauc_install_command("http://h/x"); }),
               "-5 Failed Installing to slot target : secondary, error: Failed to call: " + ns +
                   "rauc install http://h/x");
-    EXPECT_EQ(handler->get_install_status(), "Failed Installing to slot target : secondary");
+    EXPECT_EQ(handler->images().get_install_status(),
+              "Failed Installing to slot target : secondary");
     EXPECT_EQ(fake->commands().size(), 2u);  // no second status query
 }
 
@@ -144,39 +149,40 @@ TEST_F(Images, RefusedArgumentsRunNothing) {
              "http://h/a'b", "http://h/a\"b", "http://h/a\\b", "http://h/a\nb", "http://h/a\tb",
              std::string("http://h/a\x01") + "b", "http://h/a\x7f", "http://h/{a}", "a|b", "a>b"}) {
         const std::string message = "Failed to install image from url: " + url + ", invalid url.";
-        EXPECT_EQ(error_of([&] { handler->boot_image(url); }), "-22 " + message);
-        EXPECT_EQ(handler->get_install_status(), message);
+        EXPECT_EQ(error_of([&] { handler->images().boot_image(url); }), "-22 " + message);
+        EXPECT_EQ(handler->images().get_install_status(), message);
     }
     for (const std::string doc : {R"({"pkg":5})", R"({"x":"u"})", R"(["u"])", R"("u")"})
-        EXPECT_EQ(error_of([&] { handler->boot_image(doc); }),
+        EXPECT_EQ(error_of([&] { handler->images().boot_image(doc); }),
                   "-22 Invalid document, missing 'pkg' field.")
             << doc;
     // The extra package is handled first: its refusal ends the operation before any install.
-    EXPECT_EQ(error_of([&] {
-                  handler->boot_image(R"j({"pkg":"http://h/ok","extra":"http://h/$(reboot)"})j");
-              }),
-              "-22 Failed to install image from url: http://h/$(reboot), invalid url.");
+    EXPECT_EQ(
+        error_of([&] {
+            handler->images().boot_image(R"j({"pkg":"http://h/ok","extra":"http://h/$(reboot)"})j");
+        }),
+        "-22 Failed to install image from url: http://h/$(reboot), invalid url.");
     EXPECT_TRUE(fake->calls().empty());
 }
 
 TEST_F(Images, SwitchImage) {
-    fake->on("rauc status --detailed", fake_runner::reply{0, rauc_text("primary", 1, 1)});
-    EXPECT_TRUE(handler->switch_image("OtHeR"));
-    EXPECT_TRUE(handler->switch_image("rc1"));
+    fake->on("rauc status --detailed", fake_executor::reply{0, rauc_text("primary", 1, 1)});
+    EXPECT_TRUE(handler->images().switch_image("OtHeR"));
+    EXPECT_TRUE(handler->images().switch_image("rc1"));
     EXPECT_THAT(fake->commands(), ElementsAre(status_cmd, ns + "rauc status mark-active rootfs.1",
                                               status_cmd, ns + "rauc status mark-active rootfs.1"));
-    EXPECT_EQ(error_of([&] { handler->switch_image("7.0"); }),
+    EXPECT_EQ(error_of([&] { handler->images().switch_image("7.0"); }),
               "-22 Failed to find the image with version: 7.0");
 
-    fake->on("mark-active", fake_runner::reply{1, ""});
-    EXPECT_EQ(error_of([&] { handler->switch_image("other"); }),
+    fake->on("mark-active", fake_executor::reply{1, ""});
+    EXPECT_EQ(error_of([&] { handler->images().switch_image("other"); }),
               "-5 Failed to switch image to slot: rootfs.1, error: Failed to call: " + ns +
                   "rauc status mark-active rootfs.1");
-    EXPECT_EQ(error_of([&] { handler->switch_image("2.3.1"); }),
+    EXPECT_EQ(error_of([&] { handler->images().switch_image("2.3.1"); }),
               "-5 Failed to switch image with version: 2.3.1, error: Failed to call: " + ns +
                   "rauc status mark-active rootfs.0");
     // Switching never touches the install status.
-    EXPECT_EQ(handler->get_install_status(), "");
+    EXPECT_EQ(handler->images().get_install_status(), "");
 }
 
 }  // namespace

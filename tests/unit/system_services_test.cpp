@@ -26,41 +26,43 @@ TEST(CliText, ShellCharactersQuotesAndControlCharactersAreRefused) {
 using SystemServices = handler_test;
 
 TEST_F(SystemServices, CliCommandRunsInKlishAndDropsTheGreeting) {
-    fake->on("klish", fake_runner::reply{0, "Neighbor 10.0.0.2 Full\n" + greeting});
-    EXPECT_EQ(handler->run_cli_command("show ospf neighbor"), "Neighbor 10.0.0.2 Full\n");
+    fake->on("klish", fake_executor::reply{0, "Neighbor 10.0.0.2 Full\n" + greeting});
+    EXPECT_EQ(handler->system().run_cli_command("show ospf neighbor"), "Neighbor 10.0.0.2 Full\n");
     EXPECT_EQ(fake->commands(), texts{ns + "/usr/bin/klish -c 'show ospf neighbor'"});
 
     log_capture logs;
     fake->clear();
     for (const std::string cmd : {"show [x]", "x'; touch /tmp/canary; '", "show\nreboot"}) {
         const std::string message = "Invalid cli command: \"" + cmd + "\".";
-        EXPECT_EQ(error_of([&] { handler->run_cli_command(cmd); }), "-22 " + message);
+        EXPECT_EQ(error_of([&] { handler->system().run_cli_command(cmd); }), "-22 " + message);
         EXPECT_EQ(logs.where(message).size(), 1u);
     }
     EXPECT_TRUE(fake->calls().empty());
 }
 
 TEST_F(SystemServices, DateAndTimeGoThroughTheShell) {
-    fake->on("show datetime iso", fake_runner::reply{0, "2026-11-21T10:00:00+00:00\n" + greeting});
-    EXPECT_EQ(handler->get_date_time(), "2026-11-21 10:00:00");
+    fake->on("show datetime iso",
+             fake_executor::reply{0, "2026-11-21T10:00:00+00:00\n" + greeting});
+    EXPECT_EQ(handler->system().get_date_time(), "2026-11-21 10:00:00");
 
     fake->clear();
-    EXPECT_TRUE(handler->set_date_time("2024-05-01 12:00:00"));
+    EXPECT_TRUE(handler->system().set_date_time("2024-05-01 12:00:00"));
     const auto calls = fake->calls();
     ASSERT_EQ(calls.size(), 2u);
     EXPECT_EQ(calls[0].cmd, ns + "/usr/bin/klish -c 'set datetime 2024-05-01T12:00:00Z'");
-    EXPECT_EQ(calls[1].kind, fake_runner::call::system);
-    EXPECT_EQ(calls[1].cmd, "/etc/init.d/ntpd restart &");
+    EXPECT_EQ(calls[1].cmd, "/etc/init.d/ntpd restart");
+    EXPECT_TRUE(calls[1].opts.detach);
 
     fake->clear();
     for (const std::string when : {"2024-05-01", "x'; touch /tmp/canary; 'xxxxxxxx"})
-        EXPECT_EQ(error_of([&] { handler->set_date_time(when); }),
+        EXPECT_EQ(error_of([&] { handler->system().set_date_time(when); }),
                   "-22 Unexpected format of date/time: " + when);
     // A well-formed start does not let a quote through in the tail.
-    EXPECT_EQ(
-        error_of([&] { handler->set_date_time("2024-05-01 12:00:00'; touch /tmp/canary; '"); }),
-        "-22 Invalid cli command: \"set datetime 2024-05-01T12:00:00'; touch /tmp/canary; "
-        "'Z\".");
+    EXPECT_EQ(error_of([&] {
+                  handler->system().set_date_time("2024-05-01 12:00:00'; touch /tmp/canary; '");
+              }),
+              "-22 Invalid cli command: \"set datetime 2024-05-01T12:00:00'; touch /tmp/canary; "
+              "'Z\".");
     EXPECT_TRUE(fake->calls().empty());
 }
 
@@ -73,12 +75,12 @@ TEST_F(SystemServices, AutomationModeFollowsTheControllerType) {
                                                          {"other", "managedNetconf"}};
     for (auto [value, mode] : cases) {
         setenv("QMX_CONTROLLER_TYPE", value, 1);
-        EXPECT_EQ(handler->get_automation_mode(), mode) << value;
+        EXPECT_EQ(handler->system().get_automation_mode(), mode) << value;
     }
     unsetenv("QMX_CONTROLLER_TYPE");
-    EXPECT_EQ(handler->get_automation_mode(), "managedNetconf");
+    EXPECT_EQ(handler->system().get_automation_mode(), "managedNetconf");
     for (const std::string mode : {"managedila", "ILA", ""})
-        EXPECT_EQ(error_of([&] { handler->set_automation_mode(mode); }),
+        EXPECT_EQ(error_of([&] { handler->system().set_automation_mode(mode); }),
                   "-22 Invalid automation mode: " + mode);
 }
 

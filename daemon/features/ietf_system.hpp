@@ -39,6 +39,7 @@ inline const dh::Value* find_container(const dh::Document& doc) {
 // True for an IPv4 or an IPv6 address in its text form.
 inline bool is_ip_address(const std::string& text) {
     unsigned char buffer[sizeof(in6_addr)];
+    if (text.find('\0') != std::string::npos) return false;
     return inet_pton(AF_INET, text.c_str(), buffer) == 1 ||
            inet_pton(AF_INET6, text.c_str(), buffer) == 1;
 }

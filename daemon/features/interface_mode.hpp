@@ -3,7 +3,7 @@
 #include <optional>
 #include <string_view>
 
-#include "sysrepo_device_handler.hpp"
+#include "ospf.hpp"
 
 // How an internal interface (one of RDM_INTERFACES) is used, read from a configuration document.
 // Management traffic is bridged: the port is a member of the management bridge "br0". The

@@ -1,12 +1,12 @@
 #include "gateway.hpp"
 
-#include <mutex>
 #include <string>
 
 #include "dh_error.hpp"
+#include "interfaces.hpp"
 #include "msg_log.hpp"
+#include "raise.hpp"
 #include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 #include "yang_doc.hpp"
 
 using dh::Value;
@@ -25,22 +25,13 @@ auto* route_list(V& entry) {
 
 void check_gateway_address(const std::string& address) {
     if (address.empty() || sysrepo_common::is_string_ipaddress(address)) return;
-    const std::string message = "Invalid gateway address: " + address;
-    MSG_LOG(3, "update_gateway") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-    throw dh_error(-22, message);
+    dh::raise(-22, "Invalid gateway address: " + address, "update_gateway");
 }
 
-void sysrepo_device_handler::set_gateway(const std::string& address) {
-    std::lock_guard lock(mutex);
-    Document doc = export_data(false);
-    update_gateway(doc, address);
-    import_data(doc, false);
-}
-
-std::string sysrepo_device_handler::get_gateway() {
-    const Document doc = export_data(false);
-    const Value* entry =
-        yang_doc::find_in_list(&get_control_plane_protocol(doc), "type", yang_doc::static_type);
+std::string interfaces_unit::get_gateway() {
+    const Document doc = ds_.export_running();
+    const Value* entry = yang_doc::find_in_list(&ospf_unit::get_control_plane_protocol(doc), "type",
+                                                yang_doc::static_type);
     const Value* routes = entry ? route_list(*entry) : nullptr;
     const Value* next_hop = routes && !routes->Empty()
                                 ? yang_doc::path((*routes)[0], "next-hop", "next-hop-address")
@@ -49,9 +40,9 @@ std::string sysrepo_device_handler::get_gateway() {
 }
 
 // The gateway is the first route of the static-routing entry; other routes are left alone.
-void sysrepo_device_handler::update_gateway(Document& doc, const std::string& address) {
+void interfaces_unit::update_gateway(Document& doc, const std::string& address) {
     auto& a = doc.GetAllocator();
-    Value& protocols = get_control_plane_protocol(doc);
+    Value& protocols = ospf_unit::get_control_plane_protocol(doc);
     auto entry = protocols.Begin();
     while (entry != protocols.End() &&
            !yang_doc::string_is(yang_doc::member(*entry, "type"), yang_doc::static_type))

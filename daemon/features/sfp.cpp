@@ -1,11 +1,10 @@
-#include "sfp_plus_data_reader.hpp"
+#include "sfp.hpp"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <boost/algorithm/string/trim.hpp>
 #include <chrono>
-#include <condition_variable>
 #include <mutex>
 #include <shared_mutex>
 #include <sstream>
@@ -85,9 +84,11 @@ using margin_node = dh::api::hysteresis_filtered_value<
 // Powers and margins are polled every POLL_CYCLES ticks of the reader's one-second group.
 constexpr unsigned POLL_CYCLES = 2;
 
-std::string ethtool_command(std::string_view port) {
-    return fmt::format("{} ethtool -m {} 2>/dev/null", sysrepo_common::NSENTER_CMD, port);
+host::argv_t ethtool_argv(std::string_view port) {
+    return {"ethtool", "-m", std::string(port)};
 }
+
+const host::options ethtool_options = host::in_host().quiet();
 
 }  // namespace
 
@@ -112,27 +113,14 @@ struct sfp_plus_data_reader::state {
     std::unordered_map<std::string, inventory> inventories;
 
     dh::api::value_group group{1000, 500, 0};
-
-    // Guards nothing but the stop wait: the poll thread sleeps on stop_cv until its deadline or
-    // until the destructor raises `stop`.
-    std::mutex stop_mutex;
-    std::condition_variable stop_cv;
-    bool stop = false;
-    std::thread poll_thread;
 };
 
-sfp_plus_data_reader::sfp_plus_data_reader(dh_db& db) : db_(db), state_(std::make_unique<state>()) {
+sfp_plus_data_reader::sfp_plus_data_reader(dh_db& db, const host::door& door)
+    : db_(db), door_(door), state_(std::make_unique<state>()) {
     for (auto port : sysrepo_common::SFP_INTERFACES) state_->presence[std::string(port)] = false;
 }
 
-sfp_plus_data_reader::~sfp_plus_data_reader() {
-    {
-        std::lock_guard lock(state_->stop_mutex);
-        state_->stop = true;
-    }
-    state_->stop_cv.notify_all();
-    if (state_->poll_thread.joinable()) state_->poll_thread.join();
-}
+sfp_plus_data_reader::~sfp_plus_data_reader() = default;
 
 void sfp_plus_data_reader::init() {
     MSG_LOG(6, "init") << "Initializing SFP+ data reader."
@@ -171,7 +159,6 @@ void sfp_plus_data_reader::init() {
         state_->inventories[port] = {make("serialNumber"), make("hwRevision"), make("partName"),
                                      make("description"), make("fwRevision")};
     }
-    state_->poll_thread = std::thread(&sfp_plus_data_reader::poll_func, this);
 }
 
 bool sfp_plus_data_reader::present(std::string_view port) {
@@ -228,24 +215,22 @@ std::string sfp_plus_data_reader::parse_string_from_property(const std::string& 
         }
     }
 
-    ethtool::properties props;
     try {
-        props = ethtool::parse_module_info(sysrepo_common::exec(ethtool_command(port), false));
+        load(port);
     } catch (const std::exception& e) {
         throw dh_error(-22, std::string("Failed to get SFP info. ") + e.what());
-    } catch (...) {
-        throw dh_error(-22, "Failed to get SFP info.");
     }
-
+    std::shared_lock lock(state_->cache_mutex);
+    const auto& props = state_->cache[key].props;
     const auto found = props.find(property);
-    std::optional<std::string> value;
-    if (found != props.end()) value = found->second;
-    {
-        std::unique_lock lock(state_->cache_mutex);
-        state_->cache[key] = {std::move(props), std::chrono::steady_clock::now() + 1s};
-    }
-    if (!value) throw dh_error(-22, "Could not find property in cache.");
-    return *value;
+    if (found == props.end()) throw dh_error(-22, "Could not find property in cache.");
+    return found->second;
+}
+
+void sfp_plus_data_reader::load(std::string_view port) {
+    auto props = ethtool::parse_module_info(door_.call(ethtool_argv(port), ethtool_options, false));
+    std::unique_lock lock(state_->cache_mutex);
+    state_->cache[std::string(port)] = {std::move(props), std::chrono::steady_clock::now() + 1s};
 }
 
 double sfp_plus_data_reader::parse_double_from_property(const std::string& property,
@@ -257,7 +242,7 @@ double sfp_plus_data_reader::parse_double_from_property(const std::string& prope
 bool sfp_plus_data_reader::update_present(std::string_view port) {
     bool now_present = true;
     try {
-        sysrepo_common::exec(ethtool_command(port), false);
+        load(port);
     } catch (const std::exception&) {
         now_present = false;
     }
@@ -274,7 +259,9 @@ bool sfp_plus_data_reader::update_present(std::string_view port) {
                 (*node)->set_value("");
     } else if (!was_present && now_present) {
         if (inv != state_->inventories.end()) {
-            // A property the module does not report leaves its inventory text empty.
+            // A property the module does not report leaves its inventory text empty; a module
+            // whose data cannot be read is not marked present, so the next poll tries again.
+            bool unreadable = false;
             const auto read = [&](const std::string& property) {
                 try {
                     return parse_string_from_property(property, port);
@@ -282,12 +269,16 @@ bool sfp_plus_data_reader::update_present(std::string_view port) {
                     MSG_LOG(4, "update_present")
                         << fmt::format("SFP+ {} {}: {}", port, property, e.what())
                         << msg_log::getCodeTrace(__FILE__, __LINE__);
+                    unreadable = unreadable || std::string_view(e.what()).starts_with("Failed");
                     return std::string();
                 }
             };
-            inv->second.serial_number->set_value(read("Vendor SN"));
-            inv->second.hw_revision->set_value(read("Vendor rev"));
-            inv->second.part_name->set_value(read("Vendor PN"));
+            const std::string serial = read("Vendor SN"), revision = read("Vendor rev"),
+                              part = read("Vendor PN");
+            if (unreadable) return false;
+            inv->second.serial_number->set_value(serial);
+            inv->second.hw_revision->set_value(revision);
+            inv->second.part_name->set_value(part);
             inv->second.description->set_value(get_description(port));
         }
         MSG_LOG(6, "update_present")
@@ -297,18 +288,29 @@ bool sfp_plus_data_reader::update_present(std::string_view port) {
     return now_present;
 }
 
-void sfp_plus_data_reader::poll_func() {
-    std::unique_lock lock(state_->stop_mutex);
-    while (!state_->stop) {
-        lock.unlock();
-        try {
-            for (auto port : sysrepo_common::SFP_INTERFACES) update_present(port);
-        } catch (...) {
-            MSG_LOG(6, "sfp_plus_data_reader::poll_func")
-                << "Unknown error." << msg_log::getCodeTrace(__FILE__, __LINE__);
-        }
-        lock.lock();
-        state_->stop_cv.wait_until(lock, std::chrono::steady_clock::now() + 1s,
-                                   [this] { return state_->stop; });
+void sfp_plus_data_reader::poll() {
+    try {
+        for (auto port : sysrepo_common::SFP_INTERFACES) update_present(port);
+    } catch (...) {
+        MSG_LOG(6, "sfp_plus_data_reader::poll_func")
+            << "Unknown error." << msg_log::getCodeTrace(__FILE__, __LINE__);
     }
+}
+
+// The device's temperature margin is that of its warmest optical module: the smallest margin
+// (high alarm threshold minus temperature) among the modules present whose temperatures can be
+// read. Without such a module there is no margin to give, and the polled node keeps no new value.
+double sfp_plus_data_reader::get_master_margin() {
+    std::optional<double> smallest;
+    for (auto port : sysrepo_common::SFP_INTERFACES) {
+        if (!present(port)) continue;
+        try {
+            const double margin = get_temp_margin(port);
+            smallest = smallest ? std::min(*smallest, margin) : margin;
+        } catch (const std::exception&) {
+            // A module without temperature monitoring does not count.
+        }
+    }
+    if (!smallest) throw dh_error(-61, "Value has not been set");
+    return *smallest;
 }

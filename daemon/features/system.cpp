@@ -1,15 +1,19 @@
 #include <fmt/format.h>
 
 #include <boost/algorithm/string/case_conv.hpp>
+#include <boost/algorithm/string/trim.hpp>
 #include <cctype>
 #include <cstdlib>
 #include <fstream>
+#include <sstream>
 
 #include "cli_text.hpp"
 #include "dh_error.hpp"
 #include "msg_log.hpp"
+#include "raise.hpp"
 #include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
+#include "system.hpp"
+#include "version_texts.hpp"
 
 namespace cli_text {
 
@@ -39,64 +43,57 @@ namespace {
 
 constexpr const char* automation_mode_file = "/var/persistent/etc/automation_mode.env";
 
-[[noreturn]] void log_and_throw(const char* channel, int code, const std::string& message,
-                                int line) {
-    MSG_LOG(3, channel) << message << msg_log::getCodeTrace(__FILE__, line);
-    throw dh_error(code, message);
-}
-
 }  // namespace
 
-std::string sysrepo_device_handler::run_cli_command(const std::string& cmd) {
-    // Hardening: besides the shell's operators, quotes, backslashes and control characters are
-    // refused, since the command is placed between single quotes on a shell command line.
+system_unit::system_unit(const host::door& door, ntp_unit& ntp) : door_(door), ntp_(ntp) {}
+
+std::string system_unit::run_cli_command(const std::string& cmd) {
+    // The shell's operators, quotes, backslashes and control characters are refused with a clear
+    // error: klish itself would read some of them as its own syntax.
     if (!cli_text::is_allowed_command(cmd))
-        log_and_throw("run_cli_command", -22, "Invalid cli command: \"" + cmd + "\".", __LINE__);
-    std::string output =
-        sysrepo_common::exec(sysrepo_common::NSENTER_CMD + "/usr/bin/klish -c '" + cmd + "'", true);
+        dh::raise(-22, "Invalid cli command: \"" + cmd + "\".", "run_cli_command");
+    std::string output = door_.call({"/usr/bin/klish", "-c", cmd}, host::in_host());
     if (const auto pos = output.find(sysrepo_common::CLI_HELP_TEXT); pos != std::string::npos)
         output.resize(pos);
     return output;
 }
 
-std::string sysrepo_device_handler::get_date_time() {
+std::string system_unit::get_date_time() {
     std::string text = run_cli_command("show datetime iso");
     if (text.size() > 10) text[10] = ' ';
     if (text.size() > 19) text.resize(19);
     return text;
 }
 
-bool sysrepo_device_handler::set_date_time(const std::string& when) {
+bool system_unit::set_date_time(const std::string& when) {
     // Hardening: the text must start with a date and a time, not merely be long enough.
     if (!cli_text::has_date_time_form(when))
-        log_and_throw("set_date_time", -22, "Unexpected format of date/time: " + when, __LINE__);
+        dh::raise(-22, "Unexpected format of date/time: " + when, "set_date_time");
     std::string iso = when + "Z";
     iso[10] = 'T';
     run_cli_command(fmt::format("set datetime {}", iso));
-    restart_ntpd();
+    ntp_.restart_ntpd();
     return true;
 }
 
-void sysrepo_device_handler::set_automation_mode(const std::string& mode) {
-    std::lock_guard lock(mutex);
+void system_unit::set_automation_mode(const std::string& mode) {
     if (mode != sysrepo_common::MANAGED_ILA && mode != sysrepo_common::MANAGEDNETCONF_MODE &&
         mode != sysrepo_common::MANAGEDCLI_MODE)
-        log_and_throw("set_automation_mode", -22, "Invalid automation mode: " + mode, __LINE__);
+        dh::raise(-22, "Invalid automation mode: " + mode, "set_automation_mode");
     const std::string controller_type =
         boost::algorithm::to_lower_copy(mode).find("ila") != std::string::npos ? "ILA" : mode;
     MSG_LOG(6, "set_automation_mode") << "Setting controller type: " << controller_type
                                       << msg_log::getCodeTrace(__FILE__, __LINE__);
 
-    std::ofstream file(automation_mode_file, std::ios::out | std::ios::trunc);
-    if (!file.is_open())
-        log_and_throw("set_automation_mode", -5, "Failed to open environment file.", __LINE__);
+    std::lock_guard lock(mutex_);
+    std::ofstream file(door_.file(automation_mode_file), std::ios::out | std::ios::trunc);
+    if (!file.is_open()) dh::raise(-5, "Failed to open environment file.", "set_automation_mode");
     file << "export QMX_CONTROLLER_TYPE=\"" << controller_type << "\"\n";
     file.flush();
-    if (!file)
-        log_and_throw("set_automation_mode", -5, "Failed to write to environment file.", __LINE__);
+    if (!file) dh::raise(-5, "Failed to write to environment file.", "set_automation_mode");
 }
 
-std::string sysrepo_device_handler::get_automation_mode() {
+std::string system_unit::get_automation_mode() {
     const char* value = std::getenv("QMX_CONTROLLER_TYPE");
     if (!value) return std::string(sysrepo_common::MANAGEDNETCONF_MODE);
     const std::string lower = boost::algorithm::to_lower_copy(std::string(value));
@@ -104,4 +101,31 @@ std::string sysrepo_device_handler::get_automation_mode() {
     if (lower.find("managedcli") != std::string::npos)
         return std::string(sysrepo_common::MANAGEDCLI_MODE);
     return std::string(sysrepo_common::MANAGEDNETCONF_MODE);
+}
+
+std::string fw_version_from(std::string text) {
+    constexpr std::string_view model = "QMX-RB-16E ";
+    if (auto pos = text.find(model); pos != std::string::npos) text.erase(0, pos + model.size());
+    if (auto pos = text.find(" -- "); pos != std::string::npos) text.erase(pos);
+    return text;
+}
+
+std::string container_version_from(std::string text) {
+    boost::algorithm::trim(text);
+    return text;
+}
+
+std::string read_fw_version(const host::door& door) {
+    try {
+        return fw_version_from(door.call({"cat", "/etc/version"}, host::in_host()));
+    } catch (const dh_error&) {
+        return {};
+    }
+}
+
+std::string read_container_version(const host::door& door) {
+    std::ifstream in(door.file("/etc/image/image_name.txt"));
+    std::stringstream text;
+    text << in.rdbuf();
+    return container_version_from(text.str());
 }

@@ -1,14 +1,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <mutex>
 #include <string>
 
 #include "dh_error.hpp"
 #include "interface_mode.hpp"
+#include "interfaces.hpp"
 #include "msg_log.hpp"
+#include "raise.hpp"
 #include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 #include "yang_doc.hpp"
 
 using dh::Value;
@@ -69,8 +69,7 @@ bool is_internal(std::string_view name) {
 }
 
 [[noreturn]] void refuse(const std::string& message) {
-    MSG_LOG(3, "set_interface_mode") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-    throw dh_error(-22, message);
+    dh::raise(-22, message, "set_interface_mode");
 }
 
 void set_forwarding(Value& entry, bool on, dh::Allocator& a) {
@@ -83,7 +82,7 @@ void set_forwarding(Value& entry, bool on, dh::Allocator& a) {
 // The mode is written to the startup configuration only: moving a port in or out of the
 // management bridge while it carries the management connection would cut that connection, so
 // the change takes effect at the next boot.
-void sysrepo_device_handler::set_interface_mode(std::string name, const std::string& mode) {
+void interfaces_unit::set_interface_mode(std::string name, const std::string& mode) {
     using namespace interface_mode;
     if (!is_internal(name)) refuse(fmt::format("Invalid interface name: {}", name));
     if (mode != tunnel_only && mode != mgmt_only && mode != mgmt_and_tunnel)
@@ -92,52 +91,50 @@ void sysrepo_device_handler::set_interface_mode(std::string name, const std::str
     const bool tunnel = mode == mgmt_and_tunnel;
     const std::string vlan_name = fmt::format("{}.{}", name, tunnel_vlan);
 
-    std::lock_guard lock(mutex);
-    Document doc = export_data(true);
-    yang_doc::require_object(doc);
-    auto& a = doc.GetAllocator();
-    Value* port = yang_doc::interface_entry(doc, name);
-    if (!port) refuse(fmt::format("Invalid interface name: {}", name));
-    Value* vlan = yang_doc::interface_entry(doc, vlan_name);
-    if (!vlan) refuse(fmt::format("Invalid interface name: {}", vlan_name));
+    ds_.edit_startup([&](Document& doc) {
+        yang_doc::require_object(doc);
+        auto& a = doc.GetAllocator();
+        Value* port = yang_doc::interface_entry(doc, name);
+        if (!port) refuse(fmt::format("Invalid interface name: {}", name));
+        Value* vlan = yang_doc::interface_entry(doc, vlan_name);
+        if (!vlan) refuse(fmt::format("Invalid interface name: {}", vlan_name));
 
-    if (bridged) {
-        Value membership(rapidjson::kObjectType);
-        membership.AddMember("bridge", Value(management_bridge.data(), a), a);
-        yang_doc::set_member(*port, "infix-interfaces:bridge-port", std::move(membership), a);
-    } else if (yang_doc::string_is(yang_doc::path(*port, "infix-interfaces:bridge-port", "bridge"),
-                                   management_bridge)) {
-        yang_doc::remove_member(*port, "infix-interfaces:bridge-port");
-    }
-    yang_doc::set_member(*vlan, "enabled", Value(tunnel), a);
-    set_forwarding(*port, !bridged, a);
-    set_forwarding(*vlan, tunnel, a);
+        if (bridged) {
+            Value membership(rapidjson::kObjectType);
+            membership.AddMember("bridge", Value(management_bridge.data(), a), a);
+            yang_doc::set_member(*port, "infix-interfaces:bridge-port", std::move(membership), a);
+        } else if (yang_doc::string_is(
+                       yang_doc::path(*port, "infix-interfaces:bridge-port", "bridge"),
+                       management_bridge)) {
+            yang_doc::remove_member(*port, "infix-interfaces:bridge-port");
+        }
+        yang_doc::set_member(*vlan, "enabled", Value(tunnel), a);
+        set_forwarding(*port, !bridged, a);
+        set_forwarding(*vlan, tunnel, a);
 
-    // The port's OSPF admin status moves with the mode to where OSPF runs in it.
-    if (Value* protocols = yang_doc::path(doc, "ietf-routing:routing", "control-plane-protocols",
-                                          "control-plane-protocol")) {
-        Value* ospf_port = yang_doc::ospf_any_interface(*protocols, name);
-        Value* ospf_vlan = yang_doc::ospf_any_interface(*protocols, vlan_name);
-        auto enabled = [](Value* v) {
-            return v && yang_doc::bool_of(yang_doc::member(*v, "enabled")).value_or(false);
-        };
-        const bool up = enabled(ospf_port) || enabled(ospf_vlan);
-        if (ospf_port) yang_doc::set_member(*ospf_port, "enabled", Value(up && !bridged), a);
-        if (ospf_vlan) yang_doc::set_member(*ospf_vlan, "enabled", Value(up && tunnel), a);
-    }
-
-    import_data(doc, true);
+        // The port's OSPF admin status moves with the mode to where OSPF runs in it.
+        if (Value* protocols = yang_doc::path(
+                doc, "ietf-routing:routing", "control-plane-protocols", "control-plane-protocol")) {
+            Value* ospf_port = yang_doc::ospf_any_interface(*protocols, name);
+            Value* ospf_vlan = yang_doc::ospf_any_interface(*protocols, vlan_name);
+            auto enabled = [](Value* v) {
+                return v && yang_doc::bool_of(yang_doc::member(*v, "enabled")).value_or(false);
+            };
+            const bool up = enabled(ospf_port) || enabled(ospf_vlan);
+            if (ospf_port) yang_doc::set_member(*ospf_port, "enabled", Value(up && !bridged), a);
+            if (ospf_vlan) yang_doc::set_member(*ospf_vlan, "enabled", Value(up && tunnel), a);
+        }
+    });
     MSG_LOG(6, "set_interface_mode")
         << fmt::format("Interface {} set to mode {} in the startup configuration", name, mode)
         << msg_log::getCodeTrace(__FILE__, __LINE__);
 }
 
-std::string sysrepo_device_handler::get_interface_mode_str(std::string name) {
-    return _get_interface_mode_str(export_data(false), name);
+std::string interfaces_unit::get_interface_mode_str(std::string name) {
+    return _get_interface_mode_str(ds_.export_running(), name);
 }
 
-std::string sysrepo_device_handler::_get_interface_mode_str(const Document& doc,
-                                                            std::string_view name) {
+std::string interfaces_unit::_get_interface_mode_str(const Document& doc, std::string_view name) {
     using namespace interface_mode;
     const auto f = is_internal(name) ? read_facts(doc, name) : std::nullopt;
     if (!f) throw dh_error(-22, fmt::format("Invalid interface name: {}", name));

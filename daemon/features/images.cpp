@@ -4,23 +4,15 @@
 #include <boost/algorithm/string/case_conv.hpp>
 #include <sstream>
 
+#include "client_text.hpp"
 #include "dh_error.hpp"
+#include "images.hpp"
+#include "maintenance_script.hpp"
 #include "msg_log.hpp"
+#include "raise.hpp"
 #include "rauc_status.hpp"
-#include "shell_word.hpp"
-#include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 
-namespace {
-
-const std::string RAUC_STATUS_CMD = "rauc status --detailed --output-format=shell";
-
-rauc::status_map query_rauc_status() {
-    return parse_rauc_status(
-        sysrepo_common::exec(sysrepo_common::NSENTER_CMD + RAUC_STATUS_CMD, true));
-}
-
-}  // namespace
+namespace {}  // namespace
 
 std::map<std::string, std::string> parse_rauc_status(const std::string& text) {
     std::map<std::string, std::string> out;
@@ -100,33 +92,40 @@ std::optional<std::string> slot_with_version(const status_map& status, const std
             value_of(status, "RAUC_SLOT_STATUS_BUNDLE_VERSION_" + ids[i]).find(version) ==
                 std::string::npos)
             continue;
-        return i < names.size() ? names[i] : std::string();
+        // A slot without a system name at its position cannot be switched to.
+        if (i < names.size() && !names[i].empty()) return names[i];
+        return std::nullopt;
     }
     return std::nullopt;
 }
 
 }  // namespace rauc
 
-void sysrepo_device_handler::set_install_status(std::string text) {
+images_unit::images_unit(const host::door& door) : door_(door) {}
+
+rauc::status_map images_unit::query_rauc_status() {
+    return parse_rauc_status(
+        door_.call({"rauc", "status", "--detailed", "--output-format=shell"}, host::in_host()));
+}
+
+void images_unit::set_install_status(std::string text) {
     std::lock_guard lock(install_status_mutex);
     install_status = std::move(text);
 }
 
-std::string sysrepo_device_handler::get_install_status() {
+std::string images_unit::get_install_status() {
     std::lock_guard lock(install_status_mutex);
     return install_status;
 }
 
-bool sysrepo_device_handler::boot_image(const std::string& arg) {
+bool images_unit::boot_image(const std::string& arg) {
     std::lock_guard lock(image_mutex);
     std::string url = arg;
     rapidjson::Document doc;
     // A bare URL is not JSON and is installed as it stands.
     if (!doc.Parse(arg.c_str(), arg.size()).HasParseError()) {
         if (!doc.IsObject() || !doc.HasMember("pkg") || !doc["pkg"].IsString()) {
-            const std::string message = "Invalid document, missing 'pkg' field.";
-            MSG_LOG(3, "boot_image") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-            throw dh_error(-22, message);
+            dh::raise(-22, "Invalid document, missing 'pkg' field.", "boot_image");
         }
         url = doc["pkg"].GetString();
         if (doc.HasMember("extra") && doc["extra"].IsString())
@@ -135,16 +134,14 @@ bool sysrepo_device_handler::boot_image(const std::string& arg) {
     return run_rauc_install_command(url);
 }
 
-bool sysrepo_device_handler::run_rauc_install_command(const std::string& url) {
+bool images_unit::run_rauc_install_command(const std::string& url) {
     MSG_LOG(6, "run_rauc_install_command")
         << "Installing pell image from url: " << url << msg_log::getCodeTrace(__FILE__, __LINE__);
     set_install_status(fmt::format("Preparing to install image from url: {}", url));
-    if (!shell_word::is_safe(url)) {
+    if (!client_text::is_url(url)) {
         const auto message = fmt::format("Failed to install image from url: {}, invalid url.", url);
         set_install_status(message);
-        MSG_LOG(3, "run_rauc_install_command")
-            << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(-22, message);
+        dh::raise(-22, message, "run_rauc_install_command");
     }
 
     auto status = query_rauc_status();
@@ -154,7 +151,7 @@ bool sysrepo_device_handler::run_rauc_install_command(const std::string& url) {
     set_install_status(fmt::format("Installing slot target : {}", target));
     std::string output;
     try {
-        output = sysrepo_common::exec(sysrepo_common::NSENTER_CMD + "rauc install " + url, true);
+        output = door_.call({"rauc", "install", url}, host::in_host());
     } catch (const std::exception& e) {
         const auto text = fmt::format("Failed Installing to slot target : {}", target);
         set_install_status(text);
@@ -188,7 +185,7 @@ bool sysrepo_device_handler::run_rauc_install_command(const std::string& url) {
     throw dh_error(-5, text);
 }
 
-bool sysrepo_device_handler::switch_image(const std::string& arg) {
+bool images_unit::switch_image(const std::string& arg) {
     std::lock_guard lock(image_mutex);
     const auto status = query_rauc_status();
 
@@ -201,8 +198,7 @@ bool sysrepo_device_handler::switch_image(const std::string& arg) {
             throw;
         }
         try {
-            sysrepo_common::exec(sysrepo_common::NSENTER_CMD + "rauc status mark-active " + target,
-                                 true);
+            door_.call({"rauc", "status", "mark-active", target}, host::in_host());
         } catch (const std::exception& e) {
             const auto message =
                 "Failed to switch image to slot: " + target + ", error: " + e.what();
@@ -216,17 +212,27 @@ bool sysrepo_device_handler::switch_image(const std::string& arg) {
 
     const auto slot = rauc::slot_with_version(status, arg);
     if (!slot) {
-        const auto message = "Failed to find the image with version: " + arg;
-        MSG_LOG(3, "switch_image") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(-22, message);
+        dh::raise(-22, "Failed to find the image with version: " + arg, "switch_image");
     }
     try {
-        sysrepo_common::exec(sysrepo_common::NSENTER_CMD + "rauc status mark-active " + *slot,
-                             true);
+        door_.call({"rauc", "status", "mark-active", *slot}, host::in_host());
     } catch (const std::exception& e) {
         const auto message = "Failed to switch image with version: " + arg + ", error: " + e.what();
         MSG_LOG(3, "switch_image") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
         throw dh_error(-5, message);
     }
     return true;
+}
+
+void images_unit::handle_extra_package(const std::string& url) {
+    if (!client_text::is_url(url)) {
+        const auto message = fmt::format("Failed to install image from url: {}, invalid url.", url);
+        set_install_status(message);
+        dh::raise(-22, message, "handle_extra_package");
+    }
+    MSG_LOG(6, "handle_extra_package")
+        << "Handling extra package from url: " << url << msg_log::getCodeTrace(__FILE__, __LINE__);
+    set_install_status("Executing upgrade script");
+    maintenance::run_script(door_, {"/usr/bin/handle_extra_package.sh", "--url", url},
+                            "/upgrade.log", "swupgrade");
 }

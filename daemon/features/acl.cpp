@@ -7,19 +7,18 @@
 #include <charconv>
 #include <optional>
 
+#include "acl.hpp"
 #include "acl_whitelist.hpp"
 #include "dh_error.hpp"
 #include "msg_log.hpp"
 #include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 
 namespace acl_whitelist {
 
 namespace {
 
 bool is_ipv4(std::string_view text) {
-    in_addr address{};
-    return inet_pton(AF_INET, std::string(text).c_str(), &address) == 1;
+    return sysrepo_common::is_string_ipaddress(std::string(text));
 }
 
 // The text of one array element, or nothing for an element of no usable form.
@@ -88,7 +87,6 @@ std::vector<std::string> split_text(const std::string& text) {
 namespace {
 
 constexpr const char* whitelist_ipv4 = "whitelist_ipv4";
-constexpr const char* whitelist_ipv6 = "whitelist_ipv6";
 
 std::string flush_statement() {
     return fmt::format("flush set inet filter {};", whitelist_ipv4);
@@ -98,23 +96,25 @@ std::string add_statement(const std::string& elements) {
     return fmt::format("add element inet filter {} {{ {} }};", whitelist_ipv4, elements);
 }
 
-// Applies a batch of nft statements in the host's network namespace.
-void apply_nft(const std::string& statements) {
-    sysrepo_common::exec(
-        fmt::format("echo '{}' | {} /usr/sbin/nft -f -", statements, sysrepo_common::NSENTER_CMD),
-        true);
-}
-
 }  // namespace
 
-void sysrepo_device_handler::acl_set_adminStatus(const std::string& status) {
-    std::lock_guard lock(mutex);
+acl_unit::acl_unit(const host::door& door) : door_(door) {}
+
+// Applies a batch of nft statements in the host's network namespace; nft reads them from its
+// standard input, as one line.
+void acl_unit::apply_nft(const std::string& statements) {
+    door_.call({"/usr/sbin/nft", "-f", "-"}, host::in_host().feeding(statements + "\n"));
+}
+
+// The switch and the list change only once the filter took them.
+void acl_unit::acl_set_adminStatus(const std::string& status) {
+    std::lock_guard lock(mutex_);
     std::string statements = flush_statement();
+    bool enabled = false;
     if (status == "up") {
-        acl_enabled = true;
+        enabled = true;
         if (!acl_whitelist.empty()) statements += add_statement(acl_whitelist);
     } else if (status == "down") {
-        acl_enabled = false;
         // Off means every IPv4 source is admitted.
         statements += add_statement("0.0.0.0/0");
     } else {
@@ -125,75 +125,31 @@ void sysrepo_device_handler::acl_set_adminStatus(const std::string& status) {
     } catch (const dh_error&) {
         throw dh_error(-22, "Failed to set ACL admin status.");
     }
+    acl_enabled = enabled;
 }
 
-void sysrepo_device_handler::acl_set_whitelist(addr_family family, const Document& doc) {
-    std::lock_guard lock(mutex);
+void acl_unit::acl_set_whitelist(addr_family family, const Document& doc) {
     if (!doc.IsArray()) throw dh_error(-22, "Invalid whitelist format.");
     if (family == addr_family::ipv6) throw dh_error(-22, "ipv6 not implemented.");
-    acl_whitelist = acl_whitelist::build_text(doc);
-    if (!acl_enabled) return;
-    try {
-        apply_nft(flush_statement() + add_statement(acl_whitelist));
-    } catch (const dh_error& e) {
-        MSG_LOG(3, "acl_set_whitelist") << "Failed to set ACL white list: " << e.message()
-                                        << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(-22, "Failed to set ACL white list.");
+    std::string text = acl_whitelist::build_text(doc);
+    std::lock_guard lock(mutex_);
+    if (acl_enabled) {
+        try {
+            apply_nft(flush_statement() + add_statement(text));
+        } catch (const dh_error& e) {
+            MSG_LOG(3, "acl_set_whitelist") << "Failed to set ACL white list: " << e.message()
+                                            << msg_log::getCodeTrace(__FILE__, __LINE__);
+            throw dh_error(-22, "Failed to set ACL white list.");
+        }
     }
+    acl_whitelist = std::move(text);
 }
 
-Document sysrepo_device_handler::acl_get_whitelist(addr_family family) {
-    std::lock_guard lock(mutex);
+Document acl_unit::acl_get_whitelist(addr_family family) {
     if (family == addr_family::ipv6) throw dh_error(-22, "ipv6 not implemented.");
+    std::lock_guard lock(mutex_);
     Document out(rapidjson::kArrayType);
     for (const auto& entry : acl_whitelist::split_text(acl_whitelist))
         out.PushBack(dh::Value(entry, out.GetAllocator()), out.GetAllocator());
     return out;
-}
-
-std::string sysrepo_device_handler::acl_get_adminStatus() {
-    std::lock_guard lock(mutex);
-    std::string output;
-    try {
-        output = sysrepo_common::exec(fmt::format("{} /usr/sbin/nft list set inet filter {}",
-                                                  sysrepo_common::NSENTER_CMD, whitelist_ipv4),
-                                      true);
-    } catch (const dh_error&) {
-        throw dh_error(-22, "Failed to get ACL admin status.");
-    }
-    return output.find("0.0.0.0/0") != std::string::npos ? "down" : "up";
-}
-
-Document sysrepo_device_handler::_acl_get_whitelist(addr_family family) {
-    const char* set = family == addr_family::ipv6 ? whitelist_ipv6 : whitelist_ipv4;
-    std::string output;
-    try {
-        output = sysrepo_common::exec(fmt::format("{} /usr/sbin/nft -j list set inet filter {}",
-                                                  sysrepo_common::NSENTER_CMD, set),
-                                      true);
-    } catch (const dh_error&) {
-        // The same text as the switch reader's, on purpose.
-        throw dh_error(-22, "Failed to get ACL admin status.");
-    }
-    Document parsed;
-    parsed.Parse(output);
-    if (!parsed.HasParseError() && parsed.IsObject()) {
-        auto nftables = parsed.FindMember("nftables");
-        if (nftables != parsed.MemberEnd() && nftables->value.IsArray() &&
-            nftables->value.Size() == 2 && nftables->value[1].IsObject()) {
-            auto set_it = nftables->value[1].FindMember("set");
-            if (set_it != nftables->value[1].MemberEnd()) {
-                Document out(rapidjson::kArrayType);
-                if (set_it->value.IsObject()) {
-                    auto elem = set_it->value.FindMember("elem");
-                    if (elem != set_it->value.MemberEnd() && elem->value.IsArray())
-                        for (auto& e : elem->value.GetArray())
-                            out.PushBack(dh::Value(e, out.GetAllocator()), out.GetAllocator());
-                }
-                return out;
-            }
-        }
-    }
-    MSG_LOG(6, "_acl_get_whitelist") << output << msg_log::getCodeTrace(__FILE__, __LINE__);
-    throw dh_error(-22, "Failed to parse ACL whitelist.");
 }

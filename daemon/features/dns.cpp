@@ -1,13 +1,12 @@
 #include <rapidjson/pointer.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <fstream>
 
 #include "dh_error.hpp"
+#include "dns.hpp"
 #include "ietf_system.hpp"
 #include "msg_log.hpp"
-#include "sysrepo_device_handler.hpp"
+#include "raise.hpp"
 
 namespace {
 
@@ -25,19 +24,14 @@ std::string member_text(const Document& settings, const char* name) {
     auto it = settings.FindMember(name);
     if (it == settings.MemberEnd()) return {};
     if (it->value.IsString()) return it->value.GetString();
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    it->value.Accept(writer);
-    return buffer.GetString();
+    return json_text(it->value);
 }
 
 }  // namespace
 
-Document sysrepo_device_handler::get_dns_servers() {
-    return get_dns_servers(export_data(false));
-}
+dns_unit::dns_unit(const host::door& door, datastore_service& ds) : door_(door), ds_(ds) {}
 
-Document sysrepo_device_handler::get_dns_servers(const Document& doc) {
+Document dns_unit::get_dns_servers(const Document& doc) {
     Document out(rapidjson::kObjectType);
     auto& allocator = out.GetAllocator();
     const auto* servers = rapidjson::Pointer("/ietf-system:system/dns-resolver/server").Get(doc);
@@ -53,7 +47,7 @@ Document sysrepo_device_handler::get_dns_servers(const Document& doc) {
     return out;
 }
 
-void sysrepo_device_handler::set_dns_servers(const Document& servers) {
+void dns_unit::set_dns_servers(const Document& servers) {
     // Hardening: both addresses go into the resolver file and the datastore; only IPv4 and IPv6
     // addresses are accepted, checked before anything is changed.
     if (!servers.IsObject()) throw dh_error(-22, "Invalid DNS settings format.");
@@ -63,17 +57,17 @@ void sysrepo_device_handler::set_dns_servers(const Document& servers) {
         if (!address.empty() && !ietf_system::is_ip_address(address))
             throw dh_error(-22, "Invalid DNS server address: " + address);
 
-    std::lock_guard lock(mutex);
-    Document doc = export_data(false);
-    ietf_system::container(doc);
-    update_dns_server(doc, "primary", primary);
-    update_dns_server(doc, "secondary", secondary);
-    import_data(doc, false);
+    std::lock_guard lock(mutex_);
+    ds_.edit([&](Document& doc) {
+        ietf_system::container(doc);
+        update_dns_server(doc, "primary", primary);
+        update_dns_server(doc, "secondary", secondary);
+    });
     update_resolv_conf(primary, secondary);
 }
 
-void sysrepo_device_handler::update_dns_server(Document& doc, const std::string& role,
-                                               const std::string& address) {
+void dns_unit::update_dns_server(Document& doc, const std::string& role,
+                                 const std::string& address) {
     const rapidjson::Pointer pointer("/ietf-system:system/dns-resolver/server");
     auto* servers = pointer.Get(doc);
     if (address.empty()) {
@@ -106,14 +100,9 @@ void sysrepo_device_handler::update_dns_server(Document& doc, const std::string&
     servers->PushBack(entry, allocator);
 }
 
-void sysrepo_device_handler::update_resolv_conf(const std::string& primary,
-                                                const std::string& secondary) {
-    std::ofstream file(resolv_conf_path, std::ios::out | std::ios::trunc);
-    if (!file.is_open()) {
-        const std::string message = "Failed to open /etc/resolv.conf.";
-        MSG_LOG(3, "update_resolv_conf") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(-5, message);
-    }
+void dns_unit::update_resolv_conf(const std::string& primary, const std::string& secondary) {
+    std::ofstream file(door_.file(resolv_conf_path), std::ios::out | std::ios::trunc);
+    if (!file.is_open()) dh::raise(-5, "Failed to open /etc/resolv.conf.", "update_resolv_conf");
     if (!primary.empty()) file << "nameserver " << primary << '\n';
     if (!secondary.empty()) file << "nameserver " << secondary << '\n';
     file << "options edns0 trust-ad\n";

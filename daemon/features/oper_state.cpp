@@ -6,8 +6,9 @@
 
 #include <fmt/format.h>
 
+#include "interfaces.hpp"
+#include "msg_log.hpp"
 #include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 
 namespace {
 
@@ -99,9 +100,9 @@ interface_status interface_status_from(const dh::Value* entry) {
     return s;
 }
 
-// Called by start() and then every second by the poll thread; the node map (ietf_ifaces) is
-// complete before either, and is not changed afterwards.
-void sysrepo_device_handler::update_ietf_ifaces_map(const Document& oper) {
+// Called at start-up and then by every poll; the node map (ietf_ifaces) is complete before
+// either, and is not changed afterwards.
+void interfaces_unit::update_ietf_ifaces_map(const Document& oper) {
     for (auto& [name, nodes] : ietf_ifaces) {
         interface_status s = interface_status_from(find_oper_interface(oper, name));
         nodes.admin_status->set_value(std::move(s.admin_status));
@@ -111,9 +112,21 @@ void sysrepo_device_handler::update_ietf_ifaces_map(const Document& oper) {
     }
 }
 
-std::string sysrepo_device_handler::get_ifconf_oper_macaddr(const Document& oper,
-                                                            std::string_view name) {
+std::string interfaces_unit::get_ifconf_oper_macaddr(const Document& oper, std::string_view name) {
     if (const dh::Value* entry = find_oper_interface(oper, name))
         if (auto mac = string_member(*entry, "phys-address")) return std::string(*mac);
     return {};
 }
+
+void interfaces_unit::poll() {
+    try {
+        update_ietf_ifaces_map(
+            ds_.export_checked(datastore::operational, {"-x", "/ietf-interfaces:interfaces"}));
+    } catch (...) {
+        MSG_LOG(6, "sysrepo") << "sysrepo, unknown exception"
+                              << msg_log::getCodeTrace(__FILE__, __LINE__);
+    }
+}
+
+interfaces_unit::interfaces_unit(const host::door& door, datastore_service& ds, ospf_unit& ospf)
+    : door_(door), ds_(ds), ospf_(ospf) {}

@@ -2,10 +2,9 @@
 #include <rapidjson/pointer.h>
 
 #include "dh_error.hpp"
+#include "lldp.hpp"
 #include "lldp_neighbours.hpp"
 #include "msg_log.hpp"
-#include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 
 namespace lldp_neighbours {
 
@@ -44,51 +43,30 @@ std::map<std::string, dh::Document, std::less<>> by_port(const dh::Value& interf
 
 namespace {
 
-constexpr std::string_view any_neighbours_path = "data/any/lldp/neighbours";
-
-// lldpd sends every 30 s by default, so neighbours cannot change faster than that; a port that is
-// switched on is fetched at once instead of waiting for the next poll.
-constexpr unsigned poll_cycles = 30;
-
 Document empty_array() {
     return Document(rapidjson::kArrayType);
 }
 
 }  // namespace
 
-void sysrepo_device_handler::lldp_init() {
-    using polled_node = dh::api::hysteresis_filtered_value<
-        dh::api::polled_volatile_value_impl<&sysrepo_device_handler::lldp_update_neighbours>>;
+lldp_unit::lldp_unit(const host::door& door) : door_(door) {}
 
-    const auto self = weak_from_this();
-    for (std::string_view port : sysrepo_common::RDM_INTERFACES) {
-        {
-            std::lock_guard lock(mutex);
-            lldp_enabled[port] = false;
-        }
-        auto enable = dh::api::config_param<&sysrepo_device_handler::lldp_set_enable>::create(
-            db, fmt::format("config/{}/lldp/enable", port), self,
-            [self, port] {
-                auto handler = self.lock();
-                if (!handler) throw dh_error(-2, "Object has been removed");
-                return handler->lldp_get_enable(port);
-            },
-            port);
-        group.add_value(enable, 0);
-        auto node = pushed_document_node::create(db, fmt::format("data/{}/lldp/neighbours", port),
-                                                 pushed_document_node::filter_type::make_equal());
-        node->set_value(empty_array());
-        std::lock_guard lock(mutex);
-        lldp_neighbour_nodes[port] = std::move(node);
-    }
-    auto any = polled_node::create(db, any_neighbours_path, self,
-                                   polled_node::filter_type::make_equal(), poll_cycles);
-    group.add_value(any, 1);
+void lldp_unit::attach(std::string_view port, std::shared_ptr<pushed_document_node> neighbours) {
+    neighbours->set_value(empty_array());
+    std::lock_guard lock(mutex_);
+    lldp_enabled[port] = false;
+    lldp_neighbour_nodes[port] = std::move(neighbours);
 }
 
-void sysrepo_device_handler::lldp_set_enable(std::string_view port, bool enable) {
+void lldp_unit::attach_poll(std::weak_ptr<dh_db_leaf_node> any) {
+    std::lock_guard lock(mutex_);
+    poll_node_ = std::move(any);
+}
+
+void lldp_unit::lldp_set_enable(std::string_view port, bool enable) {
+    std::shared_ptr<dh_db_leaf_node> poll;
     {
-        std::lock_guard lock(mutex);
+        std::lock_guard lock(mutex_);
         bool& enabled = lldp_enabled.at(port);
         if (enabled == enable) return;
         enabled = enable;
@@ -96,31 +74,32 @@ void sysrepo_device_handler::lldp_set_enable(std::string_view port, bool enable)
             lldp_neighbour_nodes.at(port)->set_value(empty_array());
             return;
         }
+        poll = poll_node_.lock();
     }
-    // Fetch the neighbours now rather than at the next poll. The poll takes `mutex` itself.
-    if (auto any = db.find_leaf_node(any_neighbours_path)) any->periodic_task(true);
+    // Fetch the neighbours now rather than at the next poll, which is every 30 s: lldpd sends
+    // that seldom by default, so neighbours cannot change faster.
+    if (poll) poll->periodic_task(true);
 }
 
-bool sysrepo_device_handler::lldp_get_enable(std::string_view port) {
-    std::lock_guard lock(mutex);
+bool lldp_unit::lldp_get_enable(std::string_view port) {
+    std::lock_guard lock(mutex_);
     return lldp_enabled.at(port);
 }
 
-Document sysrepo_device_handler::lldp_update_neighbours() {
+Document lldp_unit::lldp_update_neighbours() {
     {
-        std::lock_guard lock(mutex);
+        std::lock_guard lock(mutex_);
         bool any_enabled = false;
         for (const auto& [port, enabled] : lldp_enabled) any_enabled = any_enabled || enabled;
         if (!any_enabled) return empty_array();
     }
-    const std::string output = sysrepo_common::exec(
-        fmt::format("{} /sbin/lldpctl -f json", sysrepo_common::NSENTER_CMD), true);
+    const std::string output = door_.call({"/sbin/lldpctl", "-f", "json"}, host::in_host());
     Document result = lldp_neighbours::interfaces(output);
     auto ports = lldp_neighbours::by_port(result);
 
     // Each port's value is set once, with its complete list, so that a subscriber never sees the
     // port emptied and refilled within one poll.
-    std::lock_guard lock(mutex);
+    std::lock_guard lock(mutex_);
     for (const auto& [port, node] : lldp_neighbour_nodes) {
         auto it = ports.find(port);
         if (it != ports.end() && lldp_enabled.at(port))

@@ -9,9 +9,10 @@
 #include "dh_error.hpp"
 #include "ietf_system.hpp"
 #include "msg_log.hpp"
+#include "ntp.hpp"
 #include "ntp_status.hpp"
+#include "raise.hpp"
 #include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 
 namespace ntp_status {
 
@@ -111,8 +112,6 @@ bool is_valid_server_address(const std::string& address) {
 
 namespace {
 
-constexpr const char* restart_ntpd_cmd = "/etc/init.d/ntpd restart &";
-
 const char* role_name(bool primary) {
     return primary ? "primary" : "secondary";
 }
@@ -148,39 +147,29 @@ dh::Value& ensure_ntp(dh::Value& system, dh::Allocator& allocator) {
 
 }  // namespace
 
-std::string sysrepo_device_handler::get_ntp_adminStatus() {
-    return get_ntp_adminStatus(export_data(false));
-}
+ntp_unit::ntp_unit(const host::door& door, datastore_service& ds) : door_(door), ds_(ds) {}
 
-std::string sysrepo_device_handler::get_ntp_adminStatus(const Document& doc) {
+std::string ntp_unit::get_ntp_adminStatus(const Document& doc) {
     const auto* enabled = rapidjson::Pointer("/ietf-system:system/ntp/enabled").Get(doc);
     return enabled && enabled->IsTrue() ? "up" : "down";
 }
 
-void sysrepo_device_handler::set_ntp_adminStatus(const std::string& status) {
-    std::lock_guard lock(mutex);
-    if (status != "down" && status != "up") {
-        const std::string message =
-            "ntp admin status should be either 'up' or 'down' , not:" + status;
-        MSG_LOG(3, "set_ntp_adminStatus") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(-22, message);
-    }
-    Document doc = export_data(false);
-    auto& ntp = ensure_ntp(ietf_system::container(doc), doc.GetAllocator());
-    auto enabled = ntp.FindMember("enabled");
-    if (enabled == ntp.MemberEnd())
-        ntp.AddMember("enabled", status == "up", doc.GetAllocator());
-    else
-        enabled->value.SetBool(status == "up");
-    import_data(doc, false);
+void ntp_unit::set_ntp_adminStatus(const std::string& status) {
+    if (status != "down" && status != "up")
+        dh::raise(-22, "ntp admin status should be either 'up' or 'down' , not:" + status,
+                  "set_ntp_adminStatus");
+    ds_.edit([&](Document& doc) {
+        auto& ntp = ensure_ntp(ietf_system::container(doc), doc.GetAllocator());
+        auto enabled = ntp.FindMember("enabled");
+        if (enabled == ntp.MemberEnd())
+            ntp.AddMember("enabled", status == "up", doc.GetAllocator());
+        else
+            enabled->value.SetBool(status == "up");
+    });
     restart_ntpd();
 }
 
-std::string sysrepo_device_handler::get_ntp_server(bool primary) {
-    return get_ntp_server(export_data(false), primary);
-}
-
-std::string sysrepo_device_handler::get_ntp_server(const Document& doc, bool primary) {
+std::string ntp_unit::get_ntp_server(const Document& doc, bool primary) {
     const auto* servers = rapidjson::Pointer("/ietf-system:system/ntp/server").Get(doc);
     if (!servers || !servers->IsArray()) return {};
     for (const auto& entry : servers->GetArray()) {
@@ -191,15 +180,19 @@ std::string sysrepo_device_handler::get_ntp_server(const Document& doc, bool pri
     return {};
 }
 
-void sysrepo_device_handler::set_ntp_server(bool primary, const std::string& address) {
+void ntp_unit::set_ntp_server(bool primary, const std::string& address) {
     // Hardening: the address ends up in chrony's configuration; only addresses and host names
     // are let through ("n/a" is what some clients write for "no server").
     if (!address.empty() && address != "n/a" && !ntp_status::is_valid_server_address(address))
         throw dh_error(-22, "Invalid NTP server address: " + address);
 
-    std::lock_guard lock(mutex);
     const char* role = role_name(primary);
-    Document doc = export_data(false);
+    ds_.edit([&](Document& doc) { edit_server(doc, role, primary, address); });
+    restart_ntpd();
+}
+
+void ntp_unit::edit_server(Document& doc, const char* role, bool primary,
+                           const std::string& address) {
     auto& allocator = doc.GetAllocator();
     auto& system = ietf_system::container(doc);
 
@@ -246,19 +239,18 @@ void sysrepo_device_handler::set_ntp_server(bool primary, const std::string& add
             servers.PushBack(entry, allocator);
         }
     }
-    import_data(doc, false);
-    restart_ntpd();
 }
 
-Document sysrepo_device_handler::get_ntp_status() {
+Document ntp_unit::get_ntp_status() {
     ntp_status::report report;
     std::string primary;
     std::string secondary;
-    if (get_ntp_adminStatus() == "up") {
-        primary = get_ntp_server(true);
-        secondary = get_ntp_server(false);
-        const std::string output = sysrepo_common::exec(
-            fmt::format("{} /bin/chronyc -cN selectdata", sysrepo_common::NSENTER_CMD), true);
+    const Document running = ds_.export_running();
+    if (get_ntp_adminStatus(running) == "up") {
+        primary = get_ntp_server(running, true);
+        secondary = get_ntp_server(running, false);
+        const std::string output =
+            door_.call({"/bin/chronyc", "-cN", "selectdata"}, host::in_host());
         if (!output.empty()) report = ntp_status::evaluate(output, primary, secondary);
     }
 
@@ -272,6 +264,6 @@ Document sysrepo_device_handler::get_ntp_status() {
     return out;
 }
 
-void sysrepo_device_handler::restart_ntpd() {
-    sysrepo_common::system(restart_ntpd_cmd);
+void ntp_unit::restart_ntpd() {
+    door_.run({"/etc/init.d/ntpd", "restart"}, host::options{}.detached());
 }

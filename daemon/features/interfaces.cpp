@@ -1,20 +1,17 @@
 #include <arpa/inet.h>
 #include <fmt/format.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include <algorithm>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "dh_error.hpp"
 #include "gateway.hpp"
+#include "interfaces.hpp"
 #include "msg_log.hpp"
+#include "raise.hpp"
 #include "sysrepo_common.hpp"
-#include "sysrepo_device_handler.hpp"
 #include "yang_doc.hpp"
 
 using dh::Value;
@@ -36,15 +33,7 @@ struct pass {
 };
 
 [[noreturn]] void refuse(const std::string& message) {
-    MSG_LOG(3, "set_ifconf") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-    throw dh_error(-22, message);
-}
-
-std::string json_text(const Value& v) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    v.Accept(writer);
-    return buffer.GetString();
+    dh::raise(-22, message, "set_ifconf");
 }
 
 std::string text_of(const Value& v) {
@@ -182,12 +171,11 @@ bool is_known_interface(std::string_view name) {
 
 }  // namespace
 
-// Every part of the request is validated before anything is changed, so a refused request
-// changes neither the datastore, the packet filter nor the stored addresses.
-void sysrepo_device_handler::set_ifconf(std::string_view name, const Document& request) {
-    std::lock_guard lock(mutex);
-    Document doc = export_data(false);
-
+// Every part of the request is validated before anything is changed, and the packet filter and
+// the stored addresses follow only once the datastore took the change, so a refused or failed
+// request changes neither.
+void interfaces_unit::set_ifconf(std::string_view name, const Document& request) {
+    std::lock_guard lock(mutex_);
     std::vector<pass> passes;
     passes.reserve(2);
     if (name == sysrepo_common::MGMT_INTERFACE) {
@@ -197,53 +185,62 @@ void sysrepo_device_handler::set_ifconf(std::string_view name, const Document& r
     } else {
         passes.push_back(plan_pass(name, request, nullptr));
     }
-    yang_doc::require_object(doc);
 
-    const address_pair old_mgmt{mgmt_ip_address, mgmt_prefix_length};
-    const address_pair old_e28{e28_ip_address, e28_prefix_length};
+    address_pair mgmt{mgmt_ip_address, mgmt_prefix_length};
+    address_pair e28{e28_ip_address, e28_prefix_length};
+    std::vector<std::pair<std::string, mgmt_ports>> nft_updates;
     for (const auto& p : passes) {
-        const auto& [ip, prefix] = p.address;
-        MSG_LOG(6, "set_ifconf") << fmt::format("{} interface {}; ip: \"{}\", prefix: {}",
-                                                ip.empty() ? "Clear" : "Config", p.name, ip, prefix)
-                                 << msg_log::getCodeTrace(__FILE__, __LINE__);
         if (p.name == mgmt_name) {
-            update_ifconf(doc, mgmt_name, ip, prefix, true);
-            mgmt_ip_address = ip;
-            mgmt_prefix_length = prefix;
-            update_ifconf(doc, "lo", ip, 32, false);
-            for (std::string_view rdm : sysrepo_common::RDM_INTERFACES)
-                update_ifconf(doc, rdm, ip, 32, true);
-            for (const auto& tun : sysrepo_common::TUN_INTERFACES)
-                update_ifconf(doc, tun.name, ip, 32, true);
-            update_mgmt_nft(ip, mgmt_ports::mgmt);
-            update_ospf_status(doc);
-            if (p.gateway) update_gateway(doc, *p.gateway);
-        } else {
-            update_ifconf(doc, p.name, ip, prefix, true);
-            if (p.name == sysrepo_common::MGMT_INTERFACE) {
-                e28_ip_address = ip;
-                e28_prefix_length = prefix;
-                update_mgmt_nft(ip, mgmt_ports::e28);
-            } else if (p.name == "e27") {
-                update_mgmt_nft(ip, mgmt_ports::e27);
-            }
+            mgmt = p.address;
+            nft_updates.emplace_back(p.address.ip, mgmt_ports::mgmt);
+        } else if (p.name == sysrepo_common::MGMT_INTERFACE) {
+            e28 = p.address;
+            nft_updates.emplace_back(p.address.ip, mgmt_ports::e28);
+        } else if (p.name == "e27") {
+            nft_updates.emplace_back(p.address.ip, mgmt_ports::e27);
         }
     }
-    try {
-        import_data(doc, false);
-    } catch (...) {
-        // The datastore kept the old addresses; so does the model.
-        mgmt_ip_address = old_mgmt.ip;
-        mgmt_prefix_length = old_mgmt.prefix_length;
-        e28_ip_address = old_e28.ip;
-        e28_prefix_length = old_e28.prefix_length;
-        throw;
-    }
+
+    auto write = [&](const ospf_unit::generator* ospf_entry) {
+        ds_.edit([&](Document& doc) {
+            yang_doc::require_object(doc);
+            for (const auto& p : passes) {
+                const auto& [ip, prefix] = p.address;
+                if (p.name == mgmt_name) {
+                    update_ifconf(doc, mgmt_name, ip, prefix, true);
+                    update_ifconf(doc, "lo", ip, 32, false);
+                    for (std::string_view rdm : sysrepo_common::RDM_INTERFACES)
+                        update_ifconf(doc, rdm, ip, 32, true);
+                    for (const auto& tun : sysrepo_common::TUN_INTERFACES)
+                        update_ifconf(doc, tun.name, ip, 32, true);
+                    if (ospf_entry) (*ospf_entry)(doc);
+                    if (p.gateway) update_gateway(doc, *p.gateway);
+                } else {
+                    update_ifconf(doc, p.name, ip, prefix, true);
+                }
+            }
+        });
+    };
+    for (const auto& p : passes)
+        MSG_LOG(6, "set_ifconf") << fmt::format("{} interface {}; ip: \"{}\", prefix: {}",
+                                                p.address.ip.empty() ? "Clear" : "Config", p.name,
+                                                p.address.ip, p.address.prefix_length)
+                                 << msg_log::getCodeTrace(__FILE__, __LINE__);
+    // The OSPF router id is the management address: its entry is regenerated in the same write.
+    if (passes.front().name == mgmt_name)
+        ospf_.change_router_id(mgmt.ip, [&](const ospf_unit::generator& g) { write(&g); });
+    else
+        write(nullptr);
+
+    mgmt_ip_address = mgmt.ip;
+    mgmt_prefix_length = mgmt.prefix_length;
+    e28_ip_address = e28.ip;
+    e28_prefix_length = e28.prefix_length;
+    for (const auto& [addresses, port] : nft_updates) update_mgmt_nft(addresses, port);
 }
 
-void sysrepo_device_handler::update_ifconf(Document& doc, std::string_view name,
-                                           std::string address, int prefix_length,
-                                           bool forwarding) {
+void interfaces_unit::update_ifconf(Document& doc, std::string_view name, std::string address,
+                                    int prefix_length, bool forwarding) {
     auto& a = doc.GetAllocator();
     const address_pair p{std::move(address), prefix_length};
     Value* entry = yang_doc::interface_entry(doc, name);
@@ -260,12 +257,12 @@ void sysrepo_device_handler::update_ifconf(Document& doc, std::string_view name,
     }
 }
 
-Document sysrepo_device_handler::get_ifconf_oper_ipv4(const std::string& name) {
+Document interfaces_unit::get_ifconf_oper_ipv4(const std::string& name) {
     const std::string_view lookup = name == mgmt_name ? sysrepo_common::MGMT_INTERFACE : name;
-    const Document oper = _cached_oper_get("ietf-interfaces");
+    const Document oper = ds_.cached_oper("ietf-interfaces");
     std::string skip;
     {
-        std::lock_guard lock(mutex);
+        std::lock_guard lock(mutex_);
         if (name == mgmt_name)
             skip = e28_ip_address;
         else if (name == sysrepo_common::MGMT_INTERFACE)
@@ -282,14 +279,10 @@ Document sysrepo_device_handler::get_ifconf_oper_ipv4(const std::string& name) {
     return out;
 }
 
-Document sysrepo_device_handler::get_ifconf(std::string_view name) {
-    return get_ifconf(export_data(false), name);
-}
-
 // For e28 the reply mirrors a settings request: the management address at the top and, under
 // "interface", e28's own address when it has one. Reading them also makes them the stored
 // addresses, so that the same-address checks and the OSPF router id hold after a restart.
-Document sysrepo_device_handler::get_ifconf(const Document& doc, std::string_view name) {
+Document interfaces_unit::get_ifconf(const Document& doc, std::string_view name) {
     if (name != sysrepo_common::MGMT_INTERFACE) {
         const Value* entry = yang_doc::interface_entry(doc, name);
         if (!entry) throw dh_error(-22, fmt::format("Invalid interface name: {}", name));
@@ -299,12 +292,13 @@ Document sysrepo_device_handler::get_ifconf(const Document& doc, std::string_vie
     const address_pair own =
         own_e28_address(yang_doc::interface_entry(doc, sysrepo_common::MGMT_INTERFACE), mgmt.ip);
     {
-        std::lock_guard lock(mutex);
+        std::lock_guard lock(mutex_);
         mgmt_ip_address = mgmt.ip;
         mgmt_prefix_length = mgmt.prefix_length;
         e28_ip_address = own.ip;
         e28_prefix_length = own.prefix_length;
     }
+    ospf_.adopt_router_id(mgmt.ip);
     Document out = settings_reply(mgmt);
     if (!own.ip.empty()) {
         Document port = settings_reply(own);
@@ -314,11 +308,10 @@ Document sysrepo_device_handler::get_ifconf(const Document& doc, std::string_vie
 }
 
 // A tunnel sub-interface may be named in full ("e13.21") or by its port and VLAN.
-void sysrepo_device_handler::set_ifconf_enabled(std::string_view name, std::optional<int> vlan,
-                                                const std::string& status) {
+void interfaces_unit::set_ifconf_enabled(std::string_view name, std::optional<int> vlan,
+                                         const std::string& status) {
     auto refuse_enabled = [](const std::string& message) {
-        MSG_LOG(3, "set_ifconf_enabled") << message << msg_log::getCodeTrace(__FILE__, __LINE__);
-        throw dh_error(-22, message);
+        dh::raise(-22, message, "set_ifconf_enabled");
     };
     const std::string entry_name = vlan && name.find('.') == std::string_view::npos
                                        ? fmt::format("{}.{}", name, *vlan)
@@ -328,19 +321,14 @@ void sysrepo_device_handler::set_ifconf_enabled(std::string_view name, std::opti
     if (status != "up" && status != "down")
         refuse_enabled(fmt::format("Invalid adminStatus for {}: {}", entry_name, status));
 
-    std::lock_guard lock(mutex);
-    Document doc = export_data(false);
-    Value* entry = yang_doc::interface_entry(doc, entry_name);
-    if (!entry) refuse_enabled(fmt::format("Invalid interface name: {}", entry_name));
-    yang_doc::set_member(*entry, "enabled", Value(status == "up"), doc.GetAllocator());
-    import_data(doc, false);
+    ds_.edit([&](Document& doc) {
+        Value* entry = yang_doc::interface_entry(doc, entry_name);
+        if (!entry) refuse_enabled(fmt::format("Invalid interface name: {}", entry_name));
+        yang_doc::set_member(*entry, "enabled", Value(status == "up"), doc.GetAllocator());
+    });
 }
 
-std::string sysrepo_device_handler::get_ifconf_enabled(std::string_view name) {
-    return get_ifconf_enabled(export_data(false), name);
-}
-
-std::string sysrepo_device_handler::get_ifconf_enabled(const Document& doc, std::string_view name) {
+std::string interfaces_unit::get_ifconf_enabled(const Document& doc, std::string_view name) {
     const Value* entry = yang_doc::interface_entry(doc, name);
     if (!entry) throw dh_error(-22, fmt::format("Invalid interface name: {}", name));
     // "enabled" defaults to true in the interfaces model.

@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "door.hpp"
+
 // The two version texts published as "data/fwVersion" and "data/containerVersion".
 
 // The firmware version inside the text of the host's /etc/version: what follows the model text
@@ -12,5 +14,5 @@ std::string container_version_from(std::string text);
 
 // Read the host's /etc/version (through the host namespaces) and the container's own
 // /etc/image/image_name.txt. A failed read yields an empty text, which is served as it is.
-std::string read_fw_version();
-std::string read_container_version();
+std::string read_fw_version(const host::door& door);
+std::string read_container_version(const host::door& door);

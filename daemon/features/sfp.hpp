@@ -4,21 +4,22 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "dh_db.hpp"
+#include "door.hpp"
 
 // Publishes, per pluggable optical port, module presence, optical powers, temperature margin and
-// inventory, all read from `ethtool -m PORT` (cached one second per port). Owns a poll thread
-// that follows insertion and removal. Created as a shared object: its nodes hold weak references.
+// inventory, all read from `ethtool -m PORT` (cached one second per port). poll(), run every
+// second by the scheduler, follows insertion and removal. Created as a shared object: its nodes
+// hold weak references.
 class sfp_plus_data_reader : public std::enable_shared_from_this<sfp_plus_data_reader> {
   public:
-    explicit sfp_plus_data_reader(dh_db& db);
+    sfp_plus_data_reader(dh_db& db, const host::door& door);
     ~sfp_plus_data_reader();
     sfp_plus_data_reader(const sfp_plus_data_reader&) = delete;
     sfp_plus_data_reader& operator=(const sfp_plus_data_reader&) = delete;
 
-    // Registers the nodes of every port and starts the poll thread.
+    // Registers the nodes of every port.
     void init();
 
     bool present(std::string_view port);
@@ -29,10 +30,17 @@ class sfp_plus_data_reader : public std::enable_shared_from_this<sfp_plus_data_r
     double parse_double_from_property(const std::string& property, std::string_view port,
                                       std::string_view unit);
     bool update_present(std::string_view port);
-    void poll_func();
+    // One look at every port; never throws.
+    void poll();
+    // The device's temperature margin: that of its warmest module.
+    double get_master_margin();
 
   private:
     struct state;
+    // Runs ethtool for `port` and caches what it printed; throws when ethtool fails.
+    void load(std::string_view port);
+
     dh_db& db_;
+    const host::door& door_;
     std::unique_ptr<state> state_;
 };

@@ -1,0 +1,144 @@
+#include "datastore.hpp"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "msg_log.hpp"
+#include "raise.hpp"
+
+namespace {
+
+// Parse-stack capacity of the documents made here; datastore exports are a few kilobytes.
+constexpr std::size_t document_capacity = 1024;
+
+// Operational documents are served from the cache for this long after their export.
+constexpr std::chrono::seconds cache_lifetime{1};
+
+Document parse(const std::string& text) {
+    Document doc(nullptr, document_capacity);
+    doc.Parse(text.c_str(), text.size());
+    return doc;
+}
+
+host::argv_t export_argv(const char* ds) {
+    return {"sysrepocfg", "--export", "-f", "json", "-d", ds, "-t", "30"};
+}
+
+}  // namespace
+
+std::string json_text(const dh::Value& value) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    value.Accept(writer);
+    return {buffer.GetString(), buffer.GetSize()};
+}
+
+Document copy_document(const dh::Value& value) {
+    Document doc(nullptr, document_capacity);
+    doc.CopyFrom(value, doc.GetAllocator());
+    return doc;
+}
+
+datastore_service::datastore_service(const host::door& door) : door_(door) {}
+
+Document datastore_service::export_running() const {
+    return parse(door_.call(export_argv("running"), host::in_host()));
+}
+
+Document datastore_service::export_startup() const {
+    return parse(door_.call(export_argv("startup"), host::in_host()));
+}
+
+Document datastore_service::export_checked(datastore ds, const host::argv_t& selection) const {
+    host::argv_t argv{
+        "/bin/sysrepocfg", "--export", "-f", "json", "-d", std::string(1, static_cast<char>(ds))};
+    argv.insert(argv.end(), selection.begin(), selection.end());
+    const std::string output = door_.call(argv, host::in_host());
+    Document doc = parse(output);
+    if (doc.HasParseError()) {
+        MSG_LOG(3, "export_or_else_throw")
+            << "Invalid json response: " << output << msg_log::getCodeTrace(__FILE__, __LINE__);
+        throw dh_error(22, "Invalid json in response");
+    }
+    return doc;
+}
+
+void datastore_service::note_startup(const Document& running, const Document& startup) {
+    std::lock_guard lock(mutex_);
+    startup_diverged_ = running != startup;
+}
+
+void datastore_service::import(const std::string& json, const char* ds) const {
+    try {
+        door_.call_status_coded({"sysrepocfg", "--import", "-f", "json", "-d", ds, "-t", "30"},
+                                host::in_host().feeding(json));
+    } catch (...) {
+        MSG_LOG(3, "import_module")
+            << "Failed when trying to set: " << json << msg_log::getCodeTrace(__FILE__, __LINE__);
+        throw;
+    }
+}
+
+void datastore_service::edit(const edit_fn& fn) {
+    std::lock_guard lock(mutex_);
+    Document running = export_running();
+    const std::string before = json_text(running);
+    fn(running);
+    const std::string running_json = json_text(running);
+    import(running_json, "running");
+    try {
+        if (!startup_diverged_) {
+            import(running_json, "startup");
+        } else {
+            Document startup = export_startup();
+            fn(startup);
+            import(json_text(startup), "startup");
+        }
+    } catch (...) {
+        // Running must not hold a change that the configuration kept across a reboot lacks.
+        try {
+            import(before, "running");
+        } catch (const std::exception& e) {
+            MSG_LOG(2, "datastore")
+                << "Running could not be restored after a failed write: " << e.what()
+                << msg_log::getCodeTrace(__FILE__, __LINE__);
+        }
+        clear_cache();
+        throw;
+    }
+    clear_cache();
+}
+
+void datastore_service::edit_startup(const edit_fn& fn) {
+    std::lock_guard lock(mutex_);
+    Document startup = export_startup();
+    fn(startup);
+    import(json_text(startup), "startup");
+    startup_diverged_ = true;
+}
+
+void datastore_service::replace_startup(const Document& doc) {
+    std::lock_guard lock(mutex_);
+    import(json_text(doc), "startup");
+    startup_diverged_ = true;
+}
+
+Document datastore_service::cached_oper(std::string_view module) {
+    const std::string key(module);
+    {
+        std::lock_guard lock(cache_mutex_);
+        if (auto it = cache_.find(key);
+            it != cache_.end() && std::chrono::steady_clock::now() < it->second.expires)
+            return copy_document(it->second.doc);
+    }
+    Document fresh = export_checked(datastore::operational, {"-m", key});
+    std::lock_guard lock(cache_mutex_);
+    cache_.insert_or_assign(
+        key, cached{copy_document(fresh), std::chrono::steady_clock::now() + cache_lifetime});
+    return fresh;
+}
+
+void datastore_service::clear_cache() {
+    std::lock_guard lock(cache_mutex_);
+    cache_.clear();
+}

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+#include "datastore.hpp"
+#include "door.hpp"
+
+// The NTP servers and switch in the running datastore, the NTP daemon's restart, and the
+// synchronisation state read from chrony. Holds no state of its own: the datastore service
+// serialises its writes.
+class ntp_unit {
+  public:
+    ntp_unit(const host::door& door, datastore_service& ds);
+
+    static std::string get_ntp_adminStatus(const Document& doc);
+    void set_ntp_adminStatus(const std::string& status);
+    static std::string get_ntp_server(const Document& doc, bool primary);
+    void set_ntp_server(bool primary, const std::string& address);
+    Document get_ntp_status();
+    // Restarts the NTP daemon in the background; its outcome is not waited for.
+    void restart_ntpd();
+
+  private:
+    static void edit_server(Document& doc, const char* role, bool primary,
+                            const std::string& address);
+
+    const host::door& door_;
+    datastore_service& ds_;
+};

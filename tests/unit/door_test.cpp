@@ -1,0 +1,84 @@
+#include "door.hpp"
+
+#include <csignal>
+
+#include "handler_fixture.hpp"
+
+// The real executor, with real processes: capture, standard input, the failure rule, timeouts,
+// output files, environment and detached children.
+
+namespace {
+
+using namespace std::chrono_literals;
+
+class Door : public testing::Test {
+  protected:
+    log_capture logs;
+    temp_root root;
+    host::door door{host::spawn_executor(), root.path()};
+};
+
+TEST_F(Door, RunsArgvWithoutAShellAndFeedsStandardInput) {
+    // Words reach the program as they are: no splitting, no globbing, no substitution.
+    EXPECT_EQ(door.call({"printf", "%s|", "a b", "*", "$(id)", "'"}), "a b|*|$(id)|'|");
+    EXPECT_EQ(door.call({"cat"}, host::options{}.feeding("line 1\nline 2")), "line 1\nline 2");
+    // A large input and output cross in both pipes without a deadlock.
+    const std::string big(1 << 20, 'x');
+    EXPECT_EQ(door.call({"cat"}, host::options{}.feeding(big)).size(), big.size());
+    // A command that does not read its input still ends normally.
+    EXPECT_EQ(door.run({"true"}, host::options{}.feeding(big)).status, 0);
+    EXPECT_EQ(door.call({"printenv", "DH_TEST"}, host::options{}.with_env("DH_TEST=on 1")),
+              "on 1\n");
+}
+
+TEST_F(Door, EveryFailureFollowsOneRule) {
+    EXPECT_EQ(error_of([&] { door.call({"false"}); }), "-1 Failed to call: false");
+    EXPECT_EQ(logs.where("Failed to call: false"), texts{"3 exec"});
+    EXPECT_EQ(error_of([&] {
+                  door.call({"no-such-tool-here", "x y"}, {}, false);
+              }),
+              "-1 Failed to call: no-such-tool-here 'x y'");
+    EXPECT_TRUE(logs.where("no-such-tool-here").empty());
+
+    const auto slept = std::chrono::steady_clock::now();
+    const auto r = door.run({"sleep", "5"}, host::options{}.limited_to(100ms));
+    EXPECT_TRUE(r.timed_out);
+    EXPECT_LT(std::chrono::steady_clock::now() - slept, 2s);
+    EXPECT_EQ(error_of([&] {
+                  door.call({"sleep", "5"}, host::options{}.limited_to(50ms));
+              }),
+              "-1 Failed to call: sleep 5");
+
+    // Datastore imports answer the raw wait status, as their callers always have.
+    EXPECT_EQ(error_of([&] {
+                  door.call_status_coded({"sh", "-c", "cat >/dev/null; exit 3"},
+                                         host::options{}.feeding("{}"));
+              }),
+              "768 Failed to call: sh -c 'cat >/dev/null; exit 3'");
+    EXPECT_EQ(error_of([&] { door.call_status_coded({"no-such-importer"}, {}); }),
+              "-1 Faild to call: no-such-importer");
+}
+
+TEST_F(Door, OutputFilesDetachedChildrenAndTheFilesystemRoot) {
+    EXPECT_EQ(door.file("/etc/resolv.conf"), root.path() / "etc/resolv.conf");
+    const auto log = door.file("/out.log");
+    door.call({"sh", "-c", "echo out; echo err >&2"}, host::options{}.appending_to(log.string()));
+    door.call({"echo", "again"}, host::options{}.appending_to(log.string()));
+    EXPECT_EQ(root.read("/out.log"), "out\nerr\nagain\n");
+
+    // A detached child is not waited for, and is reaped by a later call.
+    const auto started = std::chrono::steady_clock::now();
+    EXPECT_EQ(door.run({"sleep", "0.2"}, host::options{}.detached()).status, 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 150ms);
+    std::this_thread::sleep_for(300ms);
+    door.run({"true"});
+}
+
+TEST(CommandText, QuotesWhatAShellWouldReadAndShowsThePrefixAndEnvironment) {
+    EXPECT_EQ(host::command_text({"klish", "-c", "show ospf neighbor"}, host::in_host()),
+              ns + "klish -c 'show ospf neighbor'");
+    EXPECT_EQ(host::command_text({"a", "it's", ""}, host::options{}.with_env("E=/tmp/x y")),
+              "E='/tmp/x y' a 'it'\\''s' ''");
+}
+
+}  // namespace
