@@ -14,23 +14,24 @@ from simtools.common import run_tool  # noqa: E402
 
 
 def find_tool(tool_file):
+    """The tool's name (its base name, as slow/NAME uses it) and its implementation."""
     real = os.path.realpath(tool_file)
-    for paths, implementation in TOOLS.values():
+    for name, (paths, implementation) in TOOLS.items():
         if any(os.path.realpath(p) == real for p in paths):
             module, function = implementation.rsplit(".", 1)
-            return getattr(importlib.import_module("simtools." + module), function)
-    return None
+            return os.path.basename(name), getattr(importlib.import_module("simtools." + module), function)
+    return None, None
 
 
 def main():
     if len(sys.argv) < 3:
         sys.stderr.write("usage: simtool.py TOOL_FILE ARGV0 [ARGS...]\n")
         return 2
-    func = find_tool(sys.argv[1])
+    name, func = find_tool(sys.argv[1])
     if func is None:
         sys.stderr.write("devhost: %s is not a simulated tool\n" % sys.argv[1])
         return 127
-    return run_tool(func, sys.argv[2:])
+    return run_tool(func, sys.argv[2:], name)
 
 
 if __name__ == "__main__":

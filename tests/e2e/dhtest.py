@@ -212,6 +212,13 @@ class Device:
         """Makes the step NAME fail for its next count runs ("always": every run)."""
         self.write("fail/" + name, "%s\n" % count)
 
+    def slow(self, name, seconds):
+        """Makes every run of the tool NAME wait that many seconds first; 0 takes the delay away."""
+        if seconds:
+            self.write("slow/" + name, "%s\n" % seconds)
+        elif os.path.exists(self.path("slow", name)):
+            os.unlink(self.path("slow", name))
+
     def mark(self):
         """A position in commands.log; commands(since=mark) gives what ran after it."""
         return len(self.commands())

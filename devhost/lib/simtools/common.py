@@ -10,6 +10,7 @@ import time
 SIM = os.environ.get("DEVHOST_SIM", "/sim")
 COMMANDS_LOG = os.path.join(SIM, "log", "commands.log")
 FAIL_DIR = os.path.join(SIM, "fail")
+SLOW_DIR = os.path.join(SIM, "slow")
 
 
 def sim_path(*parts):
@@ -90,6 +91,18 @@ def should_fail(name):
         return True
 
 
+def slow_down(name):
+    """Waits as long as slow/NAME asks (seconds, fractions allowed) before the tool does its work,
+    so that benchmarks can give one host tool the latency of a slow device."""
+    text = read_text(os.path.join(SLOW_DIR, name))
+    try:
+        seconds = float(text) if text is not None else 0.0
+    except ValueError:
+        seconds = 0.0
+    if seconds > 0:
+        time.sleep(seconds)
+
+
 class ToolExit(Exception):
     """Ends a tool with an exit status, after an optional one-line message on standard error."""
 
@@ -128,11 +141,12 @@ class Call:
         sys.stderr.write(text if text.endswith("\n") else text + "\n")
 
 
-def run_tool(func, argv):
+def run_tool(func, argv, name):
     """Runs one tool function with logging: the log line is written when the tool ends, with the
-    status it ends with."""
+    status it ends with. slow/NAME delays the tool first."""
     call = Call(argv)
     try:
+        slow_down(name)
         status = func(call) or 0
     except ToolExit as e:
         if e.message:
