@@ -62,7 +62,7 @@ std::string build_text(const dh::Value& array) {
     const auto size = array.Size();
     for (rapidjson::SizeType i = 0; i < size; ++i) {
         if (const auto entry = element_text(array[i])) {
-            // Hardening: the text is written, unquoted, into a shell command line.
+            // Refused with a clear error: the text becomes nft statements.
             if (!is_valid_entry(*entry)) throw dh_error(-22, "Invalid whitelist entry: " + *entry);
             text += *entry;
         }

@@ -70,6 +70,14 @@ std::string area_of(const Value& protocols, std::string_view name) {
     return id;
 }
 
+// The interface and, for an internal one, its VLAN 8 sub-interface: the settings that apply to
+// both.
+std::vector<std::string> with_companion(std::string_view name) {
+    std::vector<std::string> names{std::string(name)};
+    if (is_internal(name)) names.push_back(companion(name));
+    return names;
+}
+
 bool is_ospf_interface(std::string_view name) {
     return in_table(sysrepo_common::OSPF_INTERFACES, name);
 }
@@ -316,8 +324,7 @@ void ospf_unit::set_ospf_interface_metric(std::string_view name, unsigned int me
                                         max_metric));
     std::lock_guard lock(mutex_);
     model m = model_;
-    std::vector<std::string> names{std::string(name)};
-    if (is_internal(name)) names.push_back(companion(name));
+    const auto names = with_companion(name);
     for (const auto& n : names) m.cost[n] = metric;
     ds_.edit([&](Document& doc) {
         for (const auto& n : names) _set_ospf_interface_metric(doc, m, n, metric);
@@ -363,8 +370,7 @@ void ospf_unit::set_ospf_interface_passive(std::string_view name, bool passive) 
         << fmt::format("Begin {} {}", name, passive) << msg_log::getCodeTrace(__FILE__, __LINE__);
     std::lock_guard lock(mutex_);
     model m = model_;
-    std::vector<std::string> names{std::string(name)};
-    if (is_internal(name)) names.push_back(companion(name));
+    const auto names = with_companion(name);
     for (const auto& n : names) m.passive[n] = passive;
     ds_.edit([&](Document& doc) {
         for (const auto& n : names)
