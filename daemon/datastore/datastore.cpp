@@ -42,18 +42,18 @@ Document copy_document(const dh::Value& value) {
 datastore_service::datastore_service(const host::door& door) : door_(door) {}
 
 Document datastore_service::export_running() const {
-    return parse(door_.call(export_argv("running"), host::in_host()));
+    return parse(door_.call(export_argv("running"), host::query()));
 }
 
 Document datastore_service::export_startup() const {
-    return parse(door_.call(export_argv("startup"), host::in_host()));
+    return parse(door_.call(export_argv("startup"), host::query()));
 }
 
 Document datastore_service::export_checked(datastore ds, const host::argv_t& selection) const {
     host::argv_t argv{
         "/bin/sysrepocfg", "--export", "-f", "json", "-d", std::string(1, static_cast<char>(ds))};
     argv.insert(argv.end(), selection.begin(), selection.end());
-    const std::string output = door_.call(argv, host::in_host());
+    const std::string output = door_.call(argv, host::query());
     Document doc = parse(output);
     if (doc.HasParseError()) {
         MSG_LOG(3, "export_or_else_throw")

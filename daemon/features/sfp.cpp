@@ -88,7 +88,7 @@ host::argv_t ethtool_argv(std::string_view port) {
     return {"ethtool", "-m", std::string(port)};
 }
 
-const host::options ethtool_options = host::in_host().quiet();
+const host::options ethtool_options = host::query().quiet();
 
 }  // namespace
 
