@@ -109,7 +109,7 @@ struct sfp_plus_data_reader::state {
     // One flag per port, made in the constructor; the map itself never changes afterwards.
     std::unordered_map<std::string, std::atomic<bool>> presence;
 
-    // Filled by init() before the poll thread starts; afterwards only the poll thread uses it.
+    // Filled by init() before the poll starts; afterwards only the poll uses it.
     std::unordered_map<std::string, inventory> inventories;
 
     // Half a second out of step with the owner's one-second poll, so the two do not run at once.
@@ -170,7 +170,7 @@ bool sfp_plus_data_reader::present(std::string_view port) {
     return it != state_->presence.end() && it->second.load();
 }
 
-// Polled readings of an empty port fail without starting ethtool: the poll thread has found the
+// Polled readings of an empty port fail without starting ethtool: the poll has found the
 // port empty within the last second.
 static void require_present(sfp_plus_data_reader& reader, std::string_view port) {
     if (!reader.present(port))
