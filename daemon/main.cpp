@@ -52,7 +52,7 @@ int main(int argc, char* argv[]) {
     device_handler_api api("/tmp/device_handlers/sysrepo", port, false);
 
     // SIGTERM and SIGINT end the serving loop, so the handler and the front end are torn down in
-    // order (poll threads joined, socket file removed) instead of the process just vanishing.
+    // order (scheduled work ended, socket file removed) instead of the process just vanishing.
     boost::asio::io_context signal_io;
     boost::asio::signal_set stop_signals(signal_io, SIGTERM, SIGINT);
     stop_signals.async_wait([&api](const boost::system::error_code& ec, int) {
@@ -60,7 +60,9 @@ int main(int argc, char* argv[]) {
     });
     std::thread signal_thread([&signal_io] { signal_io.run(); });
 
-    auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor());
+    // Periodic and delayed work; two workers, so that a slow poll does not hold up the others.
+    dh::scheduler sched(dh::system_clock(), 2);
+    auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor(), sched);
     MSG_LOG(6, "init") << "Device handler initialized for sysrepo. Listening on port " << port
                        << "." << msg_log::getCodeTrace("sysrepo_device_handler", 3309);
     handler->start();

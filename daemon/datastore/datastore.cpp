@@ -39,7 +39,8 @@ Document copy_document(const dh::Value& value) {
     return doc;
 }
 
-datastore_service::datastore_service(const host::door& door) : door_(door) {}
+datastore_service::datastore_service(const host::door& door, const dh::clock& time)
+    : door_(door), time_(time) {}
 
 Document datastore_service::export_running() const {
     return parse(door_.call(export_argv("running"), host::query()));
@@ -127,14 +128,12 @@ Document datastore_service::cached_oper(std::string_view module) {
     const std::string key(module);
     {
         std::lock_guard lock(cache_mutex_);
-        if (auto it = cache_.find(key);
-            it != cache_.end() && std::chrono::steady_clock::now() < it->second.expires)
+        if (auto it = cache_.find(key); it != cache_.end() && time_.now() < it->second.expires)
             return copy_document(it->second.doc);
     }
     Document fresh = export_checked(datastore::operational, {"-m", key});
     std::lock_guard lock(cache_mutex_);
-    cache_.insert_or_assign(
-        key, cached{copy_document(fresh), std::chrono::steady_clock::now() + cache_lifetime});
+    cache_.insert_or_assign(key, cached{copy_document(fresh), time_.now() + cache_lifetime});
     return fresh;
 }
 
