@@ -91,6 +91,13 @@ for f in /usr/sbin/sysrepo-device-handler /usr/bin/dhctl /lib/systemd/system/$pa
     /usr/share/bash-completion/completions/dhctl; do
     [[ -f $root$f ]] || fail "$f is not installed"
 done
+# The unit's directives as this machine's systemd reads them (when it has one); that the
+# programs are not installed on this machine is no finding.
+if command -v systemd-analyze >/dev/null; then
+    findings=$(systemd-analyze verify --man=no "$root/lib/systemd/system/$package.service" 2>&1 |
+        grep -Ev 'is not executable|sysinit.target' || true)
+    [[ -z $findings ]] || fail "systemd-analyze verify: $findings"
+fi
 grep -qx /etc/default/$package "$root/var/lib/dpkg/info/$package.conffiles" ||
     fail "/etc/default/$package is not a conffile"
 version=$(dpkg-deb -f "$deb" Version)
