@@ -28,7 +28,7 @@ int main(int argc, char* argv[]) {
     po::options_description desc("Available options",
                                  po::options_description::m_default_line_length,
                                  po::options_description::m_default_line_length / 2);
-    desc.add_options()("help", "Print help message")(
+    desc.add_options()("help", "Print help message")("version", "Print the version")(
         "port,p", po::value<std::uint32_t>(&port)->default_value(9700),
         "listening socket port number (default value: 9700)");
 
@@ -43,6 +43,10 @@ int main(int argc, char* argv[]) {
     if (vm.count("help")) {
         std::cout << desc << "\n";
         return 1;
+    }
+    if (vm.count("version")) {
+        std::cout << "sysrepo-device-handler " DH_VERSION "\n";
+        return 0;
     }
 
     struct sigaction pipe_action {};

@@ -73,6 +73,8 @@ std::string compose_description(const std::function<std::string(const std::strin
 
 namespace {
 
+namespace units = dh::api::units;
+
 using pushed_string =
     dh::api::hysteresis_filtered_value<dh::api::pushed_volatile_value_impl<std::string>>;
 using presence_node = dh::api::volatile_value<&sfp_plus_data_reader::present>;
@@ -137,22 +139,24 @@ void sfp_plus_data_reader::init() {
         // Class 0: a read-through value has no periodic work for the group's ticks.
         group.add_value(presence_node::create(db_, fmt::format("{}/sfp/present", port), self, port),
                         0);
-        group.add_value(
-            power_node::create(db_, fmt::format("data/{}/sfp/rxPower", port), self, power_filter(),
+        const auto add = [&](std::shared_ptr<dh_db_leaf_node> node, const char* unit) {
+            node->set_unit(unit);
+            group.add_value(node, 1);
+        };
+        add(power_node::create(db_, fmt::format("data/{}/sfp/rxPower", port), self, power_filter(),
                                POLL_CYCLES, "Receiver signal average optical power", port),
-            1);
-        group.add_value(power_node::create(db_, fmt::format("data/{}/sfp/txPower", port), self,
-                                           power_filter(), POLL_CYCLES, "Laser output power", port),
-                        1);
-        group.add_value(
-            power_node::create(db_, fmt::format("data/{}/sfp/rxPowerLowWarningThreshold", port),
+            units::dbm);
+        add(power_node::create(db_, fmt::format("data/{}/sfp/txPower", port), self, power_filter(),
+                               POLL_CYCLES, "Laser output power", port),
+            units::dbm);
+        add(power_node::create(db_, fmt::format("data/{}/sfp/rxPowerLowWarningThreshold", port),
                                self, power_node::filter_type::make_equal(), POLL_CYCLES,
                                "Laser rx power low warning threshold", port),
-            1);
-        group.add_value(margin_node::create(
-                            db_, fmt::format("data/{}/sfp/temperatureMargin", port), self,
-                            margin_node::filter_type::make_default(5.0, 1.0, 5), POLL_CYCLES, port),
-                        1);
+            units::dbm);
+        add(margin_node::create(db_, fmt::format("data/{}/sfp/temperatureMargin", port), self,
+                                margin_node::filter_type::make_default(5.0, 1.0, 5), POLL_CYCLES,
+                                port),
+            units::celsius);
 
         // Inventory texts are empty while no module is in the port.
         auto make = [&](std::string_view leaf) {

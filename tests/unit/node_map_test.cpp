@@ -34,6 +34,25 @@ TEST_F(NodeMap, RegistersEveryLeafOnceAndExportsThreeTimes) {
     EXPECT_EQ(fake->count("--import"), 0u);
 }
 
+TEST_F(NodeMap, OpticalPowersAndTemperaturesDescribeTheirUnit) {
+    const auto unit = [&](const char* path) -> std::string {
+        const auto node = db.find_leaf_node(path);
+        if (!node) return "no node";
+        dh::Document d;
+        const dh::Value info = node->get_info(d.GetAllocator());
+        const auto it = info.FindMember("unit");
+        return it == info.MemberEnd() ? "none" : it->value.GetString();
+    };
+    for (const char* path : {"data/e13/sfp/rxPower", "data/e16/sfp/txPower",
+                             "data/e14/sfp/rxPowerLowWarningThreshold"})
+        EXPECT_EQ(unit(path), "dBm") << path;
+    for (const char* path : {"data/e15/sfp/temperatureMargin", "data/temperatureMargin"})
+        EXPECT_EQ(unit(path), "°C") << path;
+    // Counts, flags and texts have none.
+    for (const char* path : {"config/ospf/e1/metric", "e13/sfp/present", "data/configStatus"})
+        EXPECT_EQ(unit(path), "none") << path;
+}
+
 TEST_F(NodeMap, InitialValuesComeFromTheStartUpDocuments) {
     const std::pair<const char*, const char*> values[] = {
         {"data/fwVersion", R"("2.3.1")"},
