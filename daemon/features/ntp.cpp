@@ -75,23 +75,21 @@ report evaluate(std::string_view selectdata, const std::string& primary,
 }
 
 std::string text(const server_state& s) {
-    std::string out;
+    const char* word = "-";
     switch (s.code) {
         case synchronised:
-            out = "synchronized";
+            word = "synchronized";
             break;
         case not_connected:
-            out = "not connected";
+            word = "not connected";
             break;
         case not_synchronised:
-            out = "not synchronized";
+            word = "not synchronized";
             break;
         default:
-            out = "-";
             break;
     }
-    if (!s.state.empty()) out += fmt::format(" ({})", s.state);
-    return out;
+    return s.state.empty() ? std::string(word) : fmt::format("{} ({})", word, s.state);
 }
 
 bool is_valid_server_address(const std::string& address) {
