@@ -23,22 +23,12 @@ def imports(dev, since):
 class InterfacesTest(unittest.TestCase):
     def test_addresses_firewall_and_ospf(self):
         dev = dhtest.Device(self)
-        before = {name: dev.read("datastore/%s.json" % name) for name in ("running", "startup")}
         # A refused request changes nothing.
         address = {"ipAddress": "198.51.100.7", "netmask": "255.255.255.0"}
         self.assertEqual(dev.error("set", "config/e28/ipv4Settings",
                                    dict(address, interface={"ipAddress": "10.0.0.1", "netmask": "255.0.255.0"})),
                          (-22, "Invalid parameter <netmask>, '255.0.255.0' is not a valid netmask format."))
         self.assertNotIn("198.51.100.7", dev.exec(*MGMT_SET).stdout)
-
-        # The running import fails: startup is never written and the parameter keeps its value.
-        old, mark = dev.get("config/e5/ipv4Settings"), dev.mark()
-        dev.fail("sysrepocfg-import-running")
-        _, message = dev.error("set", "config/e5/ipv4Settings", {"ipAddress": "10.5.0.1", "netmask": "255.255.0.0"})
-        self.assertIn("sysrepocfg --import -f json -d running", message)
-        self.assertEqual(imports(dev, mark), ["running"])
-        self.assertEqual({name: dev.read("datastore/%s.json" % name) for name in before}, before)
-        self.assertEqual(dev.get("config/e5/ipv4Settings"), old)
 
         # The management address reaches every internal interface, the firewall set, its saved
         # rules and the OSPF router id, with one import of each datastore.

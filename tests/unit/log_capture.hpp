@@ -26,14 +26,11 @@ class log_capture {
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
 
-    // Records written since this capture began whose message contains `needle`.
-    std::vector<record> find(const std::string& needle) const {
-        return store().since(first_, needle);
-    }
-    // "<severity> <channel>" of each of them.
+    // "<severity> <channel>" of each record written since this capture began whose message
+    // contains `needle`.
     std::vector<std::string> where(const std::string& needle) const {
         std::vector<std::string> out;
-        for (const auto& r : find(needle))
+        for (const auto& r : store().since(first_, needle))
             out.push_back(std::to_string(r.severity) + " " + r.channel);
         return out;
     }

@@ -38,11 +38,10 @@ TEST(OperState, StatusTextsFromInterfaceEntries) {
 
 TEST(OperState, LinkMediaTypeFromSpeed) {
     const std::pair<const char*, const char*> cases[] = {
-        {R"("1.0")", "1000BaseT"}, {R"("1")", "1000BaseT"},  {"1", "1000BaseT"},
-        {R"("0.1")", "100BaseT"},  {R"("0.01")", "10BaseT"}, {"0.01", "10BaseT"},
-        {R"("10.0")", "10G"},      {R"("2.5")", "2.5G"},     {R"("0.25")", "250M"},
-        {R"("0")", "unknown"},     {R"("-1")", "unknown"},   {R"("1.0 ")", "unknown"},
-        {R"("")", "unknown"},      {"null", "unknown"},      {"true", "unknown"}};
+        {R"("1.0")", "1000BaseT"}, {"1", "1000BaseT"},    {R"("0.1")", "100BaseT"},
+        {R"("0.01")", "10BaseT"},  {R"("10.0")", "10G"},  {R"("2.5")", "2.5G"},
+        {R"("0.25")", "250M"},     {R"("0")", "unknown"}, {R"("-1")", "unknown"},
+        {R"("1.0 ")", "unknown"},  {"true", "unknown"}};
     for (auto [json, text] : cases)
         EXPECT_EQ(link_media_type_from_speed(parse(json)), text) << json;
 }

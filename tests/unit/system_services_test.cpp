@@ -30,13 +30,10 @@ TEST_F(SystemServices, CliCommandRunsInKlishAndDropsTheGreeting) {
     EXPECT_EQ(handler->system().run_cli_command("show ospf neighbor"), "Neighbor 10.0.0.2 Full\n");
     EXPECT_EQ(fake->commands(), texts{ns + "/usr/bin/klish -c 'show ospf neighbor'"});
 
-    log_capture logs;
     fake->clear();
-    for (const std::string cmd : {"show [x]", "x'; touch /tmp/canary; '", "show\nreboot"}) {
-        const std::string message = "Invalid cli command: \"" + cmd + "\".";
-        EXPECT_EQ(error_of([&] { handler->system().run_cli_command(cmd); }), "-22 " + message);
-        EXPECT_EQ(logs.where(message).size(), 1u);
-    }
+    for (const std::string cmd : {"show [x]", "x'; touch /tmp/canary; '", "show\nreboot"})
+        EXPECT_EQ(error_of([&] { handler->system().run_cli_command(cmd); }),
+                  "-22 Invalid cli command: \"" + cmd + "\".");
     EXPECT_TRUE(fake->calls().empty());
 }
 

@@ -11,7 +11,6 @@
 
 #include <gtest/gtest.h>
 
-#include "../log_capture.hpp"
 #include "scheduler.hpp"
 
 using namespace std::chrono_literals;
@@ -81,8 +80,7 @@ TEST_F(ManualScheduler, ALateRunDoesNotMakeUpForMissedPeriods) {
     EXPECT_EQ(ran, (strings{"tick@0", "tick@45", "tick@55"}));
 }
 
-TEST_F(ManualScheduler, AFailingTaskIsLoggedAndRunsAgain) {
-    log_capture logs;
+TEST_F(ManualScheduler, AFailingTaskRunsAgain) {
     int runs = 0;
     sched.every(10ms, 0ms, [&] {
         ++runs;
@@ -90,7 +88,6 @@ TEST_F(ManualScheduler, AFailingTaskIsLoggedAndRunsAgain) {
     });
     sched.advance(20ms);
     EXPECT_EQ(runs, 3);
-    EXPECT_EQ(logs.where("Scheduled task failed: broken").size(), 3u);
 }
 
 // A pool task that stays running until released.
