@@ -53,7 +53,7 @@ class dh_db {
 
     std::atomic<std::uint64_t> seq_{0};
 
-    // Guards history_.
+    // Guards history_: each entry as compact JSON text, not a document with a pool of its own.
     mutable std::mutex history_mutex_;
-    std::deque<dh::Document> history_;
+    std::deque<std::string> history_;
 };
