@@ -25,12 +25,20 @@ void ignore_signal(int) {}
 
 int main(int argc, char* argv[]) {
     std::uint32_t port = 9700;
+    dh::server::options server_opts;
+    std::size_t max_per_address = server_opts.max_per_address;
+    unsigned idle_timeout = 300;
     po::options_description desc("Available options",
                                  po::options_description::m_default_line_length,
                                  po::options_description::m_default_line_length / 2);
     desc.add_options()("help", "Print help message")(
         "port,p", po::value<std::uint32_t>(&port)->default_value(9700),
-        "listening socket port number (default value: 9700)");
+        "listening socket port number (default value: 9700)")(
+        "max-per-address", po::value<std::size_t>(&max_per_address)->default_value(max_per_address),
+        "open TCP connections allowed from one address")(
+        "idle-timeout", po::value<unsigned>(&idle_timeout)->default_value(idle_timeout),
+        "seconds after which a connection that sends nothing and holds no subscription is "
+        "closed (0: never)");
 
     po::variables_map vm;
     try {
@@ -49,7 +57,9 @@ int main(int argc, char* argv[]) {
     pipe_action.sa_handler = ignore_signal;
     sigaction(SIGPIPE, &pipe_action, nullptr);
 
-    device_handler_api api("/tmp/device_handlers/sysrepo", port, false);
+    server_opts.max_per_address = max_per_address;
+    server_opts.idle_timeout = std::chrono::seconds(idle_timeout);
+    device_handler_api api("/tmp/device_handlers/sysrepo", port, false, server_opts);
 
     // SIGTERM and SIGINT end the serving loop, so the handler and the front end are torn down in
     // order (poll threads joined, socket file removed) instead of the process just vanishing.

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -14,8 +15,16 @@ class server_core;
 
 // Limits of the protocol server. The defaults are the protocol's; tests lower some of them.
 struct options {
-    // Open connections over all sockets; the next one is answered -32000 and closed.
+    // Open network connections (TCP and IPv6); the next one is answered -32000 and closed.
     std::size_t max_connections = 1000;
+    // Open Unix-socket connections: a budget of their own, so that remote clients cannot lock
+    // out local management.
+    std::size_t max_local_connections = 64;
+    // Open network connections from one peer address.
+    std::size_t max_per_address = 64;
+    // A connection that sends nothing for this long and holds no subscription is closed
+    // (zero: never).
+    std::chrono::milliseconds idle_timeout = std::chrono::minutes(5);
     // Longest accepted request line, without its newline.
     std::size_t max_line = std::size_t{1} << 20;
     // Output bytes waiting for one connection before it is closed.
