@@ -22,12 +22,13 @@
 #include "device_handler_api.hpp"
 #include "dh_api/dh_api.hpp"
 
-namespace {
-
+// Outside the anonymous namespace: its methods become template arguments of the node kinds.
 struct handler {
     void set_text(std::string_view, const std::string&) {}
     void set_number(std::string_view, unsigned) {}
 };
+
+namespace {
 
 long rss_kib() {
     std::ifstream f("/proc/self/status");
