@@ -5,6 +5,8 @@
 #include <cerrno>
 
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl/error.hpp>
+#include <boost/asio/write.hpp>
 
 #include "msg_log.hpp"
 
@@ -18,7 +20,14 @@ constexpr std::size_t kept_write_buffer = 256 * 1024;
 }  // namespace
 
 std::string client_identity::who() const {
-    if (via == transport::unix_socket) return "uid " + std::to_string(uid);
+    switch (via) {
+        case transport::unix_socket:
+            return "uid " + std::to_string(uid);
+        case transport::tls:
+            return subject;
+        case transport::tcp:
+            break;
+    }
     return address;
 }
 
@@ -29,6 +38,17 @@ connection::connection(asio::io_context& io, connection_host& host, const connec
       limits_(limits),
       client_(std::move(client)),
       socket_(std::move(socket)),
+      input_(limits.max_line),
+      idle_timer_(io),
+      last_read_(std::chrono::steady_clock::now()) {}
+
+connection::connection(asio::io_context& io, connection_host& host, const connection_limits& limits,
+                       std::shared_ptr<tls_stream> stream, client_identity client)
+    : io_(io),
+      host_(host),
+      limits_(limits),
+      client_(std::move(client)),
+      tls_(std::move(stream)),
       input_(limits.max_line),
       idle_timer_(io),
       last_read_(std::chrono::steady_clock::now()) {}
@@ -66,15 +86,19 @@ void connection::on_idle_timer() {
 }
 
 void connection::start_read() {
-    socket_->async_read_some(
-        asio::buffer(input_.space(), input_.space_size()),
-        [self = self()](const error_code& ec, std::size_t n) { self->on_read(ec, n); });
+    auto done = [self = self()](const error_code& ec, std::size_t n) { self->on_read(ec, n); };
+    if (tls_)
+        tls_->async_read_some(asio::buffer(input_.space(), input_.space_size()), std::move(done));
+    else
+        socket_->async_read_some(asio::buffer(input_.space(), input_.space_size()),
+                                 std::move(done));
 }
 
 void connection::on_read(const error_code& ec, std::size_t n) {
     if (io_closed_) return;
     if (ec) {
-        if (ec != asio::error::eof) {
+        // A TLS peer that closes without a close_notify has still sent all it will send.
+        if (ec != asio::error::eof && ec != asio::ssl::error::stream_truncated) {
             close();
             return;
         }
@@ -178,6 +202,10 @@ void connection::flush() {
 }
 
 void connection::write_out() {
+    if (tls_) {
+        write_out_tls();
+        return;
+    }
     const int fd = socket_->native_handle();
     while (woff_ < wbuf_.size()) {
         const ssize_t n =
@@ -199,6 +227,32 @@ void connection::write_out() {
     woff_ = 0;
     if (wbuf_.capacity() > kept_write_buffer) std::string().swap(wbuf_);
     if (closing_) finish_if_drained();
+}
+
+// TLS records cannot be written with plain non-blocking sends: one async write at a time takes
+// everything pending, and what comes meanwhile waits for the next.
+void connection::write_out_tls() {
+    if (writing_) return;
+    if (wbuf_.empty()) {
+        if (closing_) finish_if_drained();
+        return;
+    }
+    sending_.swap(wbuf_);
+    writing_ = true;
+    asio::async_write(*tls_, asio::buffer(sending_),
+                      [self = self()](const error_code& ec, std::size_t n) {
+                          self->writing_ = false;
+                          if (self->io_closed_) return;
+                          if (ec) {
+                              self->close();
+                              return;
+                          }
+                          self->queued_.fetch_sub(n, std::memory_order_relaxed);
+                          self->sending_.clear();
+                          if (self->sending_.capacity() > kept_write_buffer)
+                              std::string().swap(self->sending_);
+                          self->write_out_tls();
+                      });
 }
 
 void connection::wait_writable() {
@@ -242,8 +296,12 @@ void connection::close() {
     queued_.store(0);
     end_subscriptions_safely();
     error_code ec;
-    socket_->close(ec);
-    socket_.reset();
+    if (tls_) {
+        tls_->lowest_layer().close(ec);
+    } else {
+        socket_->close(ec);
+        socket_.reset();
+    }
     std::string().swap(wbuf_);
     woff_ = 0;
     MSG_LOG(7, "server") << "Connection " << id() << " closed"

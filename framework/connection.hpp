@@ -12,10 +12,13 @@
 
 #include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include "dh_session.hpp"
 #include "job_queue.hpp"
+#include "roles.hpp"
 #include "rpc_codec.hpp"
 
 namespace dh::server::detail {
@@ -23,18 +26,21 @@ namespace dh::server::detail {
 namespace asio = boost::asio;
 using boost::system::error_code;
 using generic_socket = asio::generic::stream_protocol::socket;
+using tls_stream = asio::ssl::stream<asio::ip::tcp::socket>;
 
 // Who is at the other end of a connection, as far as the transport tells.
 struct client_identity {
-    enum class transport { unix_socket, tcp };
+    enum class transport { unix_socket, tcp, tls };
 
     transport via = transport::unix_socket;
     std::string address;  // network peers: the peer's address
     long uid = -1;        // Unix socket: the peer's credentials
     long gid = -1;
+    std::string subject;  // TLS: the subject of the client's certificate
+    role granted = role::admin;
 
     bool is_local() const { return via == transport::unix_socket; }
-    // How logs and the history name the client: "uid 1000", "192.0.2.7".
+    // How logs and the history name the client: "uid 1000", "192.0.2.7", "CN=noc,O=Example".
     std::string who() const;
 };
 
@@ -69,6 +75,8 @@ class connection final : public dh_session {
   public:
     connection(asio::io_context& io, connection_host& host, const connection_limits& limits,
                generic_socket socket, client_identity client);
+    connection(asio::io_context& io, connection_host& host, const connection_limits& limits,
+               std::shared_ptr<tls_stream> stream, client_identity client);
 
     const client_identity& client() const { return client_; }
 
@@ -103,6 +111,7 @@ class connection final : public dh_session {
     void begin_drain();
     void flush();
     void write_out();
+    void write_out_tls();
     void wait_writable();
     void finish_if_drained();
     void overflowed();
@@ -116,6 +125,9 @@ class connection final : public dh_session {
     const client_identity client_;
     // Serving thread only.
     std::optional<generic_socket> socket_;
+    // Instead of socket_ on the TLS port; writes then go out through async writes of sending_.
+    std::shared_ptr<tls_stream> tls_;
+    std::string sending_;
     codec::line_framer input_;
     std::string wbuf_;
     std::size_t woff_ = 0;

@@ -63,11 +63,25 @@ std::size_t dh_db::size() const {
     return nodes_.size();
 }
 
+namespace {
+thread_local std::string acting_who;
+}
+
+dh_db::acting_client::acting_client(std::string who) : previous_(std::move(acting_who)) {
+    acting_who = std::move(who);
+}
+
+dh_db::acting_client::~acting_client() {
+    acting_who = std::move(previous_);
+}
+
 void dh_db::append_to_history(dh_db_leaf_node& node) {
     alignas(16) char scratch[2048];
     dh::Allocator a(scratch, sizeof scratch);
-    const dh::Value entry = node.export_history_entry(a);
+    dh::Value entry = node.export_history_entry(a);
     if (!entry.IsObject() || entry.ObjectEmpty()) return;
+    if (!acting_who.empty() && !entry.HasMember("who"))
+        entry.AddMember("who", dh::Value(acting_who.c_str(), a), a);
     rapidjson::StringBuffer buffer;
     rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
     entry.Accept(writer);

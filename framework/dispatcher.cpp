@@ -5,6 +5,7 @@
 
 #include "dh_error.hpp"
 #include "dh_node.hpp"
+#include "msg_log.hpp"
 
 namespace dh::server::detail {
 
@@ -18,6 +19,41 @@ namespace {
     throw dh_error(codec::code_invalid_params, "Invalid params");
 }
 
+const char* method_name(method_id m) {
+    switch (m) {
+        case method_id::get:
+            return "get";
+        case method_id::set:
+            return "set";
+        case method_id::run:
+            return "run";
+        case method_id::subscribe:
+            return "subscribe";
+        case method_id::unsubscribe:
+            return "unsubscribe";
+        case method_id::info:
+            return "info";
+        case method_id::list:
+            return "list";
+        case method_id::history:
+            return "history";
+        case method_id::unknown:
+            break;
+    }
+    return "unknown";
+}
+
+bool changes_device(method_id m) {
+    return m == method_id::set || m == method_id::run;
+}
+
+// One audit record for each set and run that was allowed, after it ended.
+void audit(const connection& c, method_id m, std::string_view path, const rpc_error* failure) {
+    MSG_LOG(6, "audit") << c.client().who() << ' ' << method_name(m) << ' ' << path << ": "
+                        << (failure ? "failed: " + failure->message : std::string("done"))
+                        << msg_log::getCodeTrace(__FILE__, __LINE__);
+}
+
 // Carries out one node operation on the calling thread. `sub_lock` is the connection's
 // subscription lock, already held where the serving thread took it.
 void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>& node,
@@ -27,12 +63,16 @@ void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>&
         case method_id::get:
             node->get(path, a, out);
             return;
-        case method_id::set:
+        case method_id::set: {
+            const dh_db::acting_client acting(c.client().who());
             node->set(path, *value);
+        }
             out.SetNull();
             return;
-        case method_id::run:
+        case method_id::run: {
+            const dh_db::acting_client acting(c.client().who());
             node->run(path, *value, a, out);
+        }
             return;
         case method_id::info:
             out = node->get_info(a);
@@ -61,8 +101,22 @@ void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>&
 
 }  // namespace
 
-dispatcher::dispatcher(dh_db& db, unsigned max_depth, job_poster post)
-    : db_(db), post_(std::move(post)), parser_(max_depth), writer_(sb_) {}
+dispatcher::dispatcher(dh_db& db, unsigned max_depth, std::vector<std::string> admin_only,
+                       job_poster post)
+    : db_(db),
+      admin_only_(std::move(admin_only)),
+      post_(std::move(post)),
+      parser_(max_depth),
+      writer_(sb_) {}
+
+void dispatcher::check_permission(const connection& c, method_id m, std::string_view path) const {
+    const role granted = c.client().granted;
+    if (permits(granted, m, path, admin_only_)) return;
+    MSG_LOG(4, "audit") << "Permission denied: " << c.client().who() << " (" << role_name(granted)
+                        << ") " << method_name(m) << ' ' << path
+                        << msg_log::getCodeTrace(__FILE__, __LINE__);
+    throw dh_error(codec::code_permission_denied, "Permission denied");
+}
 
 void dispatcher::handle_line(connection& c, const char* line, std::size_t len) {
     switch (parser_.parse(line, len)) {
@@ -119,6 +173,7 @@ void dispatcher::dispatch(connection& c, const request& r, const reply_target& t
     auto& pool = parser_.pool();
     switch (r.method) {
         case method_id::list: {
+            check_permission(c, r.method, {});
             const dh::Value* prefix = codec::find_param(r.params, "path");
             if (prefix && !prefix->IsString()) throw_invalid_params();
             auto nodes = db_.list(prefix ? codec::as_view(*prefix) : std::string_view{});
@@ -136,6 +191,7 @@ void dispatcher::dispatch(connection& c, const request& r, const reply_target& t
             return;
         }
         case method_id::history: {
+            check_permission(c, r.method, {});
             const dh::Value* limit = codec::find_param(r.params, "limit");
             if (limit && !limit->IsUint64()) throw_invalid_params();
             const auto history = db_.history(limit ? limit->GetUint64() : 100);
@@ -151,6 +207,7 @@ void dispatcher::node_operation(connection& c, const request& r, const reply_tar
     const dh::Value* path_param = codec::find_param(r.params, "path");
     if (!path_param || !path_param->IsString()) throw_invalid_params();
     const std::string_view path = codec::trim_slashes(codec::as_view(*path_param));
+    check_permission(c, r.method, path);
     auto node = db_.find_leaf_node(path);
     if (!node)
         throw dh_error(codec::code_no_such_node,
@@ -177,7 +234,16 @@ void dispatcher::node_operation(connection& c, const request& r, const reply_tar
         return;
     }
     dh::Value result;
-    perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock);
+    try {
+        perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock);
+    } catch (...) {
+        if (changes_device(r.method)) {
+            const auto e = codec::error_from_current_exception();
+            audit(c, r.method, path, &e);
+        }
+        throw;
+    }
+    if (changes_device(r.method)) audit(c, r.method, path, nullptr);
     if (sub_lock.owns_lock()) sub_lock.unlock();
     reply(c, t, r, result);
 }
@@ -212,6 +278,7 @@ void dispatcher::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<a
     } catch (...) {
         error = codec::error_from_current_exception();
     }
+    if (changes_device(job->method)) audit(*c, job->method, job->path, error ? &*error : nullptr);
     std::string text;
     if (job->answer) {
         codec::string_buffer sb;

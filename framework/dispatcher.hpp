@@ -3,6 +3,7 @@
 #include <functional>
 #include <memory>
 #include <string_view>
+#include <vector>
 
 #include "connection.hpp"
 #include "dh_db.hpp"
@@ -18,7 +19,8 @@ class dispatcher {
   public:
     using job_poster = std::function<void(std::shared_ptr<connection>, std::unique_ptr<async_job>)>;
 
-    dispatcher(dh_db& db, unsigned max_depth, job_poster post);
+    // `admin_only`: paths whose set or run only admins may call.
+    dispatcher(dh_db& db, unsigned max_depth, std::vector<std::string> admin_only, job_poster post);
 
     void handle_line(connection& c, const char* line, std::size_t len);
     void run_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job);
@@ -28,6 +30,8 @@ class dispatcher {
     void handle_request(connection& c, const dh::Value& v, const reply_target& t);
     void dispatch(connection& c, const codec::request& r, const reply_target& t);
     void node_operation(connection& c, const codec::request& r, const reply_target& t);
+    // Raises -32003 when the client's role does not allow the call.
+    void check_permission(const connection& c, codec::method_id m, std::string_view path) const;
     void submit(connection& c, const codec::request& r, const reply_target& t,
                 std::shared_ptr<dh_db_leaf_node> node, std::string_view path,
                 const dh::Value* value);
@@ -38,6 +42,7 @@ class dispatcher {
     void deliver_reply(connection& c, const reply_target& t);
 
     dh_db& db_;
+    const std::vector<std::string> admin_only_;
     const job_poster post_;
     // Serving thread only: the parser and writer state reused for every line.
     codec::line_parser parser_;

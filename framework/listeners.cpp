@@ -13,8 +13,12 @@
 #include <system_error>
 
 #include <fmt/format.h>
+#include <openssl/bio.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl/stream.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include "msg_log.hpp"
@@ -54,6 +58,22 @@ std::string peer_address(int fd) {
     return text;
 }
 
+// The subject of the peer's certificate in RFC 2253 form ("CN=noc,O=Example").
+std::string certificate_subject(SSL* ssl) {
+    X509* cert = ::SSL_get1_peer_certificate(ssl);
+    if (!cert) return {};
+    BIO* bio = ::BIO_new(::BIO_s_mem());
+    std::string out;
+    if (bio && ::X509_NAME_print_ex(bio, ::X509_get_subject_name(cert), 0, XN_FLAG_RFC2253) >= 0) {
+        char* data = nullptr;
+        const long n = BIO_get_mem_data(bio, &data);
+        if (n > 0) out.assign(data, static_cast<std::size_t>(n));
+    }
+    ::BIO_free(bio);
+    ::X509_free(cert);
+    return out;
+}
+
 }  // namespace
 
 std::optional<std::string> connection_budget::admit(const client_identity& c) {
@@ -83,8 +103,13 @@ void connection_budget::release(const client_identity& c) {
         per_address_.erase(it);
 }
 
-listeners::listeners(asio::io_context& io, accept_handler on_accept)
-    : io_(io), on_accept_(std::move(on_accept)), unix_acceptor_(io), tcp_acceptor_(io) {}
+listeners::listeners(asio::io_context& io, accept_handler on_accept, tls_handler on_tls)
+    : io_(io),
+      on_accept_(std::move(on_accept)),
+      on_tls_(std::move(on_tls)),
+      unix_acceptor_(io),
+      tcp_acceptor_(io),
+      tls_acceptor_(io) {}
 
 listeners::~listeners() {
     close_all();
@@ -95,6 +120,7 @@ void listeners::close_all() {
     error_code ec;
     unix_acceptor_.close(ec);
     tcp_acceptor_.close(ec);
+    tls_acceptor_.close(ec);
     std::lock_guard lock(ipv6_mutex_);
     for (auto& a : ipv6_acceptors_) a->close(ec);
 }
@@ -149,6 +175,83 @@ void listeners::open_tcp(unsigned port, bool local_only) {
     MSG_LOG(6, "server") << "Listening on " << address.to_string() << ":" << tcp_port_
                          << msg_log::getCodeTrace(__FILE__, __LINE__);
     accept_next(tcp_acceptor_, true);
+}
+
+void listeners::open_tls(unsigned port, bool local_only, asio::ssl::context& context) {
+    const auto address = local_only ? asio::ip::address(asio::ip::address_v4::loopback())
+                                    : asio::ip::address(asio::ip::address_v4::any());
+    const tcp::endpoint endpoint(address, static_cast<unsigned short>(port));
+    error_code ec;
+    tls_acceptor_.open(endpoint.protocol(), ec);
+    check(ec, "Cannot open TLS socket");
+    set_cloexec(tls_acceptor_.native_handle());
+    tls_acceptor_.set_option(asio::socket_base::reuse_address(true), ec);
+    check(ec, "Cannot set SO_REUSEADDR");
+    tls_acceptor_.bind(endpoint, ec);
+    check(ec, fmt::format("Cannot bind TLS port {}", port));
+    tls_acceptor_.listen(asio::socket_base::max_listen_connections, ec);
+    check(ec, fmt::format("Cannot listen on TLS port {}", port));
+    tls_port_ = tls_acceptor_.local_endpoint().port();
+    tls_context_ = &context;
+    MSG_LOG(6, "server") << "Listening for TLS on " << address.to_string() << ":" << tls_port_
+                         << msg_log::getCodeTrace(__FILE__, __LINE__);
+    accept_tls();
+}
+
+void listeners::accept_tls() {
+    auto stream = std::make_shared<tls_stream>(io_, *tls_context_);
+    tls_acceptor_.async_accept(stream->next_layer(), [this, stream](const error_code& ec) {
+        if (ec == asio::error::operation_aborted) return;
+        if (ec) {
+            accept_failures_.fetch_add(1);
+            if (may_warn())
+                MSG_LOG(3, "server") << "Accepting a TLS connection failed: " << ec.message()
+                                     << msg_log::getCodeTrace(__FILE__, __LINE__);
+            // Out of descriptors: give other connections a moment to close.
+            auto timer = std::make_shared<asio::steady_timer>(io_, std::chrono::milliseconds(100));
+            timer->async_wait([this, timer](const error_code& e) {
+                if (!e) accept_tls();
+            });
+            return;
+        }
+        const int fd = stream->next_layer().native_handle();
+        set_cloexec(fd);
+        const int one = 1;
+        ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+        handshake(stream, peer_address(fd));
+        accept_tls();
+    });
+}
+
+// The handshake checks the client's certificate against the configured CA; a client without
+// one, or with one the CA did not sign, never gets a connection. A client that stalls in the
+// handshake is dropped after a while, so it cannot hold a socket for ever.
+void listeners::handshake(std::shared_ptr<tls_stream> stream, std::string address) {
+    auto timer = std::make_shared<asio::steady_timer>(io_, std::chrono::seconds(10));
+    timer->async_wait([stream](const error_code& ec) {
+        if (ec) return;
+        error_code ignored;
+        stream->lowest_layer().close(ignored);
+    });
+    stream->async_handshake(
+        asio::ssl::stream_base::server,
+        [this, stream, timer, address = std::move(address)](const error_code& ec) {
+            timer->cancel();
+            if (ec) {
+                if (may_warn())
+                    MSG_LOG(4, "server")
+                        << "TLS handshake with " << address << " failed: " << ec.message()
+                        << msg_log::getCodeTrace(__FILE__, __LINE__);
+                error_code ignored;
+                stream->lowest_layer().close(ignored);
+                return;
+            }
+            client_identity client;
+            client.via = client_identity::transport::tls;
+            client.address = address;
+            client.subject = certificate_subject(stream->native_handle());
+            on_tls_(stream, std::move(client));
+        });
 }
 
 void listeners::open_ipv6(const std::string& interface) {

@@ -14,6 +14,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
+#include <boost/asio/ssl/context.hpp>
 
 #include "connection.hpp"
 
@@ -44,8 +45,10 @@ class connection_budget {
 class listeners {
   public:
     using accept_handler = std::function<void(generic_socket, client_identity)>;
+    // A TLS client, after a handshake that checked its certificate.
+    using tls_handler = std::function<void(std::shared_ptr<tls_stream>, client_identity)>;
 
-    listeners(asio::io_context& io, accept_handler on_accept);
+    listeners(asio::io_context& io, accept_handler on_accept, tls_handler on_tls);
     ~listeners();
 
     // Each raises std::system_error when the socket cannot be opened.
@@ -53,9 +56,12 @@ class listeners {
     void open_tcp(unsigned port, bool local_only);
     // Thread-safe: may be called while the serving thread runs.
     void open_ipv6(const std::string& interface);
+    // `context` must outlive the listeners.
+    void open_tls(unsigned port, bool local_only, asio::ssl::context& context);
     void close_all();
 
     unsigned tcp_port() const { return tcp_port_; }
+    unsigned tls_port() const { return tls_port_; }
     unsigned ipv6_port() const { return ipv6_port_.load(); }
     const std::string& socket_path() const { return socket_path_; }
     std::size_t accept_failures() const { return accept_failures_.load(); }
@@ -70,11 +76,17 @@ class listeners {
     void accept_next(Acceptor& acceptor, bool is_tcp);
     template <typename Acceptor>
     void accept_failed(Acceptor& acceptor, bool is_tcp, const error_code& ec);
+    void accept_tls();
+    void handshake(std::shared_ptr<tls_stream> stream, std::string address);
 
     asio::io_context& io_;
     const accept_handler on_accept_;
+    const tls_handler on_tls_;
     asio::local::stream_protocol::acceptor unix_acceptor_;
     tcp::acceptor tcp_acceptor_;
+    tcp::acceptor tls_acceptor_;
+    asio::ssl::context* tls_context_ = nullptr;
+    unsigned tls_port_ = 0;
     // Guards ipv6_acceptors_ (added from the caller's thread, closed by the destructor).
     std::mutex ipv6_mutex_;
     std::vector<std::unique_ptr<tcp::acceptor>> ipv6_acceptors_;
