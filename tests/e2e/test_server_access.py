@@ -107,6 +107,7 @@ class AccessTest(unittest.TestCase):
         finally:
             hold.stdin.close()
             hold.wait(timeout=60)
+            hold.stdout.close()
 
     def test_client_text_cannot_forge_log_lines(self):
         dev = Device(self, daemon_args=["-p", "9711"])
@@ -115,10 +116,14 @@ class AccessTest(unittest.TestCase):
         log = dev.log()
         self.assertNotIn("\x00", log)
         self.assertNotIn("\x1b", log)
+        # The refusal and its audit record each carry the text, escaped, inside their own line.
         lines = [line for line in log.splitlines() if "FORGED" in line]
-        self.assertEqual(len(lines), 1, lines)
-        self.assertIn("Invalid automation mode: x\\n2026-11-23T08:00:00.000Z critical [server] "
-                      "FORGED\\x00\\x1b[2J", lines[0])
+        self.assertEqual(len(lines), 2, lines)
+        escaped = "x\\n2026-11-23T08:00:00.000Z critical [server] FORGED\\x00\\x1b[2J"
+        self.assertIn("Invalid automation mode: " + escaped, lines[0])
+        self.assertIn("set config/automationMode: failed: Invalid automation mode: " + escaped,
+                      lines[1])
+        self.assertFalse(any(line.startswith("2026-11-23T08:00:00") for line in log.splitlines()))
 
 
 if __name__ == "__main__":
