@@ -28,8 +28,6 @@ constexpr std::array<const char*, 8> severity_names = {"emergency", "alert",  "c
                                                        "warning",   "notice", "info",     "debug"};
 
 BOOST_LOG_ATTRIBUTE_KEYWORD(severity_kw, "Severity", int)
-BOOST_LOG_ATTRIBUTE_KEYWORD(channel_kw, "Channel", std::string)
-BOOST_LOG_ATTRIBUTE_KEYWORD(timestamp_kw, "TimeStamp", boost::posix_time::ptime)
 
 void format_record(const logging::record_view& rec, logging::formatting_ostream& out) {
     if (auto ts = logging::extract<boost::posix_time::ptime>("TimeStamp", rec)) {
