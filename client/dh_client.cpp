@@ -4,11 +4,13 @@
 #include <utility>
 
 #include <fmt/format.h>
+#include <openssl/ssl.h>
 #include <rapidjson/error/en.h>
 #include <rapidjson/prettywriter.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <boost/asio.hpp>
+#include <boost/asio/ssl.hpp>
 
 namespace dh::client {
 
@@ -84,6 +86,9 @@ rpc_error::rpc_error(int code, std::string message, const rapidjson::Value* data
 struct client::impl {
     asio::io_context io;
     asio::generic::stream_protocol::socket socket{io};
+    // Set for TLS connections: reads and writes then go through the stream on top of socket.
+    std::unique_ptr<asio::ssl::context> tls_context;
+    std::unique_ptr<asio::ssl::stream<asio::generic::stream_protocol::socket&>> tls;
     options opts;
     std::string address;
     // Bytes received and not yet consumed; may hold the start of the next line.
@@ -125,10 +130,14 @@ struct client::impl {
     void write(const std::string& line, steady::time_point deadline) {
         bool done = false;
         error_code result;
-        asio::async_write(socket, asio::buffer(line), [&](error_code ec, std::size_t) {
+        auto written = [&](error_code ec, std::size_t) {
             done = true;
             result = ec;
-        });
+        };
+        if (tls)
+            asio::async_write(*tls, asio::buffer(line), written);
+        else
+            asio::async_write(socket, asio::buffer(line), written);
         wait(done, deadline);
         if (result == asio::error::operation_aborted)
             throw timeout_error(fmt::format("sending to {} timed out", address));
@@ -144,15 +153,20 @@ struct client::impl {
         bool done = false;
         error_code result;
         std::size_t length = 0;
-        asio::async_read_until(socket, asio::dynamic_buffer(input, opts.max_line_size), '\n',
-                               [&](error_code ec, std::size_t n) {
-                                   done = true;
-                                   result = ec;
-                                   length = n;
-                               });
+        auto got_line = [&](error_code ec, std::size_t n) {
+            done = true;
+            result = ec;
+            length = n;
+        };
+        if (tls)
+            asio::async_read_until(*tls, asio::dynamic_buffer(input, opts.max_line_size), '\n',
+                                   got_line);
+        else
+            asio::async_read_until(socket, asio::dynamic_buffer(input, opts.max_line_size), '\n',
+                                   got_line);
         wait(done, deadline);
         if (result == asio::error::operation_aborted) return std::nullopt;
-        if (closed_by_peer(result))
+        if (closed_by_peer(result) || result == asio::ssl::error::stream_truncated)
             throw connection_error(fmt::format("connection to {} closed by the server", address));
         if (result == asio::error::not_found)
             throw connection_error(
@@ -308,6 +322,54 @@ client client::tcp(const std::string& host, const std::string& port, const optio
     }
     if (last) throw *last;
     throw connection_error(fmt::format("cannot connect to {}: no address", p->address));
+}
+
+client client::tls(const std::string& host, const std::string& port, const tls_files& files,
+                   const options& opts) {
+    const auto deadline = steady::now() + opts.timeout;
+    auto context = std::make_unique<asio::ssl::context>(asio::ssl::context::tls_client);
+    ::SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
+    context->set_verify_mode(asio::ssl::verify_peer);
+    auto load = [](const std::string& what, const std::string& file, auto&& step) {
+        try {
+            step();
+        } catch (const boost::system::system_error& e) {
+            throw connection_error(
+                fmt::format("cannot use {} {}: {}", what, file, e.code().message()));
+        }
+    };
+    load("CA file", files.ca, [&] { context->load_verify_file(files.ca); });
+    // Without a certificate the client can still try; a server that asks for one refuses it.
+    if (!files.cert.empty())
+        load("certificate", files.cert, [&] { context->use_certificate_chain_file(files.cert); });
+    if (!files.key.empty())
+        load("key", files.key,
+             [&] { context->use_private_key_file(files.key, asio::ssl::context::pem); });
+
+    client c = tcp(host, port, opts);
+    impl& p = *c.impl_;
+    p.tls_context = std::move(context);
+    p.tls = std::make_unique<asio::ssl::stream<asio::generic::stream_protocol::socket&>>(
+        p.socket, *p.tls_context);
+    std::string name = host;
+    if (name.size() > 1 && name.front() == '[' && name.back() == ']')
+        name = name.substr(1, name.size() - 2);
+    p.tls->set_verify_callback(asio::ssl::host_name_verification(name));
+    if (!::SSL_set_tlsext_host_name(p.tls->native_handle(), name.c_str()))
+        throw connection_error("cannot set the TLS server name " + name);
+    bool done = false;
+    error_code result;
+    p.tls->async_handshake(asio::ssl::stream_base::client, [&](error_code ec) {
+        done = true;
+        result = ec;
+    });
+    p.wait(done, deadline);
+    if (result == asio::error::operation_aborted)
+        throw timeout_error(fmt::format("TLS handshake with {} timed out", p.address));
+    if (result)
+        throw connection_error(
+            fmt::format("TLS handshake with {} failed: {}", p.address, result.message()));
+    return c;
 }
 
 rapidjson::Document client::call(std::string_view method, const rapidjson::Value& params) {

@@ -67,6 +67,14 @@ struct options {
     std::size_t max_line_size = 64u << 20;
 };
 
+// Files of a TLS client: its certificate (chain) and key, and the CA that signed the server's
+// certificate, all PEM.
+struct tls_files {
+    std::string cert;
+    std::string key;
+    std::string ca;
+};
+
 class client {
   public:
     // Connects to a Unix stream socket.
@@ -74,6 +82,10 @@ class client {
     // Connects to host:port over TCP; host is a name, an IPv4 or an IPv6 address (brackets
     // allowed). Every address the name resolves to is tried in turn.
     static client tcp(const std::string& host, const std::string& port, const options& opts = {});
+    // Connects to host:port over TCP and TLS (1.2 or later), showing the client certificate and
+    // checking the server's against the CA and against `host`.
+    static client tls(const std::string& host, const std::string& port, const tls_files& files,
+                      const options& opts = {});
 
     client(client&&) noexcept;
     client& operator=(client&&) noexcept;

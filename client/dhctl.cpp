@@ -102,7 +102,12 @@ po::options_description global_options() {
          "the daemon's Unix socket (default: $DH_SOCKET, else /tmp/device_handlers/sysrepo/dh.sock)")
         ("host", po::value<std::string>()->value_name("HOST"),
          "connect over TCP to HOST (a name, an IPv4 or an IPv6 address) instead")
-        ("port", po::value<unsigned>()->value_name("PORT"), "TCP port (default 9700)")
+        ("port", po::value<unsigned>()->value_name("PORT"), "TCP port (default 9700; with --tls, 9701)")
+        ("tls", "connect over TLS to --host/--port, with a client certificate")
+        ("cert", po::value<std::string>()->value_name("FILE"), "with --tls: the client certificate (PEM)")
+        ("key", po::value<std::string>()->value_name("FILE"), "with --tls: its private key (PEM)")
+        ("ca", po::value<std::string>()->value_name("FILE"),
+         "with --tls: the CA that signed the daemon's certificate (PEM)")
         ("json", "print raw JSON, one line per value or event")
         ("timeout", po::value<double>()->value_name("SECONDS")->default_value(60),
          "limit for connecting and for each request")
@@ -420,9 +425,13 @@ int main(int argc, char** argv) {
     dc::options opts;
     opts.timeout = std::chrono::milliseconds(static_cast<long long>(seconds * 1000));
 
-    const bool tcp = vm.count("host") || vm.count("port");
+    const bool tls = vm.count("tls") > 0;
+    const bool tcp = tls || vm.count("host") || vm.count("port");
     if (tcp && vm.count("socket"))
-        return usage_error("--socket cannot be combined with --host/--port");
+        return usage_error("--socket cannot be combined with --host/--port/--tls");
+    if (tls != (vm.count("cert") && vm.count("key") && vm.count("ca")) ||
+        (!tls && (vm.count("cert") || vm.count("key") || vm.count("ca"))))
+        return usage_error("--tls needs --cert, --key and --ca, and they need --tls");
     std::string socket_path = default_socket;
     if (vm.count("socket"))
         socket_path = vm["socket"].as<std::string>();
@@ -433,9 +442,15 @@ int main(int argc, char** argv) {
     try {
         if (tcp) {
             const std::string host = vm.count("host") ? vm["host"].as<std::string>() : "localhost";
-            const unsigned port = vm.count("port") ? vm["port"].as<unsigned>() : 9700;
+            const unsigned port = vm.count("port") ? vm["port"].as<unsigned>() : tls ? 9701 : 9700;
             if (port == 0 || port > 65535) return usage_error("--port must be 1..65535");
-            c.emplace(dc::client::tcp(host, std::to_string(port), opts));
+            if (tls)
+                c.emplace(dc::client::tls(host, std::to_string(port),
+                                          {vm["cert"].as<std::string>(),
+                                           vm["key"].as<std::string>(), vm["ca"].as<std::string>()},
+                                          opts));
+            else
+                c.emplace(dc::client::tcp(host, std::to_string(port), opts));
         } else {
             c.emplace(dc::client::unix_socket(socket_path, opts));
         }

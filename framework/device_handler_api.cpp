@@ -3,8 +3,8 @@
 #include "server.hpp"
 
 device_handler_api::device_handler_api(const std::string& socket_dir, unsigned port,
-                                       bool local_only)
-    : server_(std::make_unique<dh::server::server>(db, socket_dir, port, local_only)) {}
+                                       bool local_only, dh::server::options opts)
+    : server_(std::make_unique<dh::server::server>(db, socket_dir, port, local_only, opts)) {}
 
 // The server goes first: it ends every session's subscriptions while the node tree still exists.
 device_handler_api::~device_handler_api() = default;

@@ -4,10 +4,7 @@
 #include <string>
 
 #include "dh_db.hpp"
-
-namespace dh::server {
-class server;
-}
+#include "server.hpp"
 
 // The framework's front end: the node tree and the protocol server on a Unix socket
 // (<socket_dir>/dh.sock), TCP and, once asked, IPv6 bound to one interface.
@@ -15,7 +12,8 @@ class device_handler_api {
   public:
     // local_only: listen for TCP on 127.0.0.1 instead of 0.0.0.0 (tests and development).
     // A port of 0 picks a free port (see tcp_port()). The sockets are opened here.
-    device_handler_api(const std::string& socket_dir, unsigned port, bool local_only);
+    device_handler_api(const std::string& socket_dir, unsigned port, bool local_only,
+                       dh::server::options opts = {});
     ~device_handler_api();
     device_handler_api(const device_handler_api&) = delete;
     device_handler_api& operator=(const device_handler_api&) = delete;

@@ -4,6 +4,8 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 std::vector<std::string> dh_db::split_path(std::string_view path) {
     std::vector<std::string> out;
@@ -61,12 +63,31 @@ std::size_t dh_db::size() const {
     return nodes_.size();
 }
 
+namespace {
+thread_local std::string acting_who;
+}
+
+dh_db::acting_client::acting_client(std::string who) : previous_(std::move(acting_who)) {
+    acting_who = std::move(who);
+}
+
+dh_db::acting_client::~acting_client() {
+    acting_who = std::move(previous_);
+}
+
 void dh_db::append_to_history(dh_db_leaf_node& node) {
-    dh::Document entry;
-    static_cast<dh::Value&>(entry) = node.export_history_entry(entry.GetAllocator());
+    alignas(16) char scratch[2048];
+    dh::Allocator a(scratch, sizeof scratch);
+    dh::Value entry = node.export_history_entry(a);
     if (!entry.IsObject() || entry.ObjectEmpty()) return;
+    if (!acting_who.empty() && !entry.HasMember("who"))
+        entry.AddMember("who", dh::Value(acting_who.c_str(), a), a);
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    entry.Accept(writer);
+    std::string text(buffer.GetString(), buffer.GetSize());
     std::lock_guard lock(history_mutex_);
-    history_.push_back(std::move(entry));
+    history_.push_back(std::move(text));
     while (history_.size() > history_capacity) history_.pop_front();
 }
 
@@ -75,8 +96,12 @@ dh::Document dh_db::history(std::size_t limit) const {
     auto& a = out.GetAllocator();
     std::lock_guard lock(history_mutex_);
     const std::size_t n = std::min(limit, history_.size());
-    for (auto it = history_.end() - static_cast<std::ptrdiff_t>(n); it != history_.end(); ++it)
-        out.PushBack(dh::Value(*it, a), a);
+    out.Reserve(static_cast<rapidjson::SizeType>(n), a);
+    for (auto it = history_.end() - static_cast<std::ptrdiff_t>(n); it != history_.end(); ++it) {
+        dh::Document entry(&a);
+        entry.Parse(it->data(), it->size());
+        out.PushBack(static_cast<dh::Value&>(entry).Move(), a);
+    }
     return out;
 }
 

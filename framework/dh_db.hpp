@@ -36,7 +36,21 @@ class dh_db {
     std::vector<std::shared_ptr<dh_db_leaf_node>> list(std::string_view prefix) const;
     std::size_t size() const;
 
-    // Records the node's latest change (its export_history_entry) in the history ring.
+    // Names the client whose request the calling thread carries out while it lives: history
+    // entries recorded meanwhile carry it as "who".
+    class acting_client {
+      public:
+        explicit acting_client(std::string who);
+        ~acting_client();
+        acting_client(const acting_client&) = delete;
+        acting_client& operator=(const acting_client&) = delete;
+
+      private:
+        std::string previous_;
+    };
+
+    // Records the node's latest change (its export_history_entry) in the history ring, with the
+    // acting client, if any, as "who".
     void append_to_history(dh_db_leaf_node& node);
     // The last `limit` history entries, oldest first, as a JSON array.
     dh::Document history(std::size_t limit) const;
@@ -53,7 +67,7 @@ class dh_db {
 
     std::atomic<std::uint64_t> seq_{0};
 
-    // Guards history_.
+    // Guards history_: each entry as compact JSON text, not a document with a pool of its own.
     mutable std::mutex history_mutex_;
-    std::deque<dh::Document> history_;
+    std::deque<std::string> history_;
 };

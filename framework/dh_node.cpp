@@ -136,7 +136,7 @@ void dh_db_event_node::send_event_impl(dh::Document&& event) {
     std::vector<std::shared_ptr<dh_session>> targets;
     {
         std::lock_guard lock(events_mutex_);
-        last_event_ = std::move(event);
+        remember(event);
         targets.reserve(subscribers_.size());
         for (const auto& w : subscribers_)
             if (auto s = w.lock()) targets.push_back(std::move(s));
@@ -149,19 +149,31 @@ void dh_db_event_node::send_event_to_session_impl(const std::shared_ptr<dh_sessi
     auto line = stamp_and_serialise(event);
     if (!initial) {
         std::lock_guard lock(events_mutex_);
-        last_event_ = std::move(event);
+        remember(event);
     }
     session->deliver(line);
+}
+
+void dh_db_event_node::remember(const dh::Document& event) {
+    rapidjson::StringBuffer buffer;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+    writer.StartObject();
+    for (const char* key : {"seq", "time", "path", "value"}) {
+        auto it = event.FindMember(key);
+        if (it == event.MemberEnd()) continue;
+        writer.Key(key);
+        it->value.Accept(writer);
+    }
+    writer.EndObject();
+    last_entry_.assign(buffer.GetString(), buffer.GetSize());
 }
 
 dh::Value dh_db_event_node::export_history_entry(dh::Allocator& allocator) {
     std::lock_guard lock(events_mutex_);
     dh::Value entry(rapidjson::kObjectType);
-    if (!last_event_.IsObject()) return entry;
-    for (const char* key : {"seq", "time", "path", "value"}) {
-        auto it = last_event_.FindMember(key);
-        if (it != last_event_.MemberEnd())
-            entry.AddMember(dh::Value(key, allocator), dh::Value(it->value, allocator), allocator);
-    }
+    if (last_entry_.empty()) return entry;
+    dh::Document parsed(&allocator);
+    parsed.Parse(last_entry_.data(), last_entry_.size());
+    entry.Swap(parsed);
     return entry;
 }

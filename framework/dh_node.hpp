@@ -98,8 +98,12 @@ class dh_db_event_node : public dh_db_leaf_node {
   private:
     std::shared_ptr<const std::string> stamp_and_serialise(dh::Document& event);
 
-    // Guards subscribers_ and last_event_; taken briefly, never while calling a session.
+    void remember(const dh::Document& event);
+
+    // Guards subscribers_ and last_entry_; taken briefly, never while calling a session.
     mutable std::mutex events_mutex_;
     std::vector<std::weak_ptr<dh_session>> subscribers_;
-    dh::Document last_event_;
+    // The latest change as its history entry in JSON text: a few hundred bytes at most, where a
+    // document would hold an allocator's chunk for every node.
+    std::string last_entry_;
 };

@@ -29,6 +29,11 @@ void dh_session::forget_subscription(const dh_db_leaf_node* node) {
                          subscriptions_.end());
 }
 
+bool dh_session::has_subscriptions() {
+    std::lock_guard lock(subscriptions_mutex_);
+    return !subscriptions_.empty();
+}
+
 void dh_session::end_subscriptions() {
     closed_.store(true, std::memory_order_release);
     std::vector<std::weak_ptr<dh_db_leaf_node>> nodes;

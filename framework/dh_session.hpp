@@ -29,6 +29,7 @@ class dh_session : public std::enable_shared_from_this<dh_session> {
     // Bookkeeping of the nodes this session subscribes to (called by the server).
     void remember_subscription(const std::shared_ptr<dh_db_leaf_node>& node);
     void forget_subscription(const dh_db_leaf_node* node);
+    bool has_subscriptions();
 
     // Marks the session closed and unsubscribes it from every node it subscribed to.
     void end_subscriptions();

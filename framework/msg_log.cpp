@@ -28,8 +28,6 @@ constexpr std::array<const char*, 8> severity_names = {"emergency", "alert",  "c
                                                        "warning",   "notice", "info",     "debug"};
 
 BOOST_LOG_ATTRIBUTE_KEYWORD(severity_kw, "Severity", int)
-BOOST_LOG_ATTRIBUTE_KEYWORD(channel_kw, "Channel", std::string)
-BOOST_LOG_ATTRIBUTE_KEYWORD(timestamp_kw, "TimeStamp", boost::posix_time::ptime)
 
 void format_record(const logging::record_view& rec, logging::formatting_ostream& out) {
     if (auto ts = logging::extract<boost::posix_time::ptime>("TimeStamp", rec)) {
@@ -40,7 +38,8 @@ void format_record(const logging::record_view& rec, logging::formatting_ostream&
     auto sev = logging::extract<int>("Severity", rec);
     out << ' ' << msg_log::severity_name(sev ? *sev : 6);
     if (auto ch = logging::extract<std::string>("Channel", rec)) out << " [" << *ch << ']';
-    out << ' ' << rec[expr::smessage];
+    if (auto msg = logging::extract<std::string>(expr::smessage.get_name(), rec))
+        out << ' ' << msg_log::escape_control(*msg);
 }
 
 void install_sink() {
@@ -101,6 +100,36 @@ std::string getCodeTrace(std::string_view file, int line) {
     out += ':';
     out += std::to_string(line);
     out += ')';
+    return out;
+}
+
+std::string escape_control(std::string_view text) {
+    static constexpr char hex[] = "0123456789abcdef";
+    std::string out;
+    out.reserve(text.size());
+    for (const char ch : text) {
+        const auto c = static_cast<unsigned char>(ch);
+        if (c >= 0x20 && c != 0x7f) {
+            out += ch;
+            continue;
+        }
+        out += '\\';
+        switch (c) {
+            case '\n':
+                out += 'n';
+                break;
+            case '\r':
+                out += 'r';
+                break;
+            case '\t':
+                out += 't';
+                break;
+            default:
+                out += 'x';
+                out += hex[c >> 4];
+                out += hex[c & 0xf];
+        }
+    }
     return out;
 }
 

@@ -33,6 +33,11 @@ std::string getCodeTrace(std::string_view file, int line);
 
 const char* severity_name(int severity);
 
+// Message text as the sink writes it: C0 control characters and DEL become escapes (\n, \r,
+// \t, \xHH), so text from a client can neither end a record's line early
+// nor put bytes into the log that a terminal or a reader would act on.
+std::string escape_control(std::string_view text);
+
 }  // namespace msg_log
 
 // MSG_LOG(6, "init") << "text" << msg_log::getCodeTrace(__FILE__, __LINE__);

@@ -7,7 +7,7 @@ packages=(
     build-essential cmake ninja-build ccache
     libboost-dev libboost-log-dev libboost-program-options-dev libboost-filesystem-dev
     libboost-system-dev libboost-thread-dev
-    rapidjson-dev libfmt-dev libgtest-dev libgmock-dev
+    rapidjson-dev libfmt-dev libgtest-dev libgmock-dev libssl-dev openssl clang libclang-rt-14-dev
     redis-server redis-tools nftables iproute2 util-linux procps psmisc python3 clang-format
     help2man dpkg-dev file lintian debootstrap
 )

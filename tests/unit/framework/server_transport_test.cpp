@@ -197,26 +197,77 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
 }
 
-TEST(server_limits, ConnectionOverTheCapIsRefused) {
+std::string refusal(const char* message) {
+    return R"({"jsonrpc":"2.0","id":null,"error":{"code":-32000,"message":")" +
+           std::string(message) + "\"}}";
+}
+
+TEST(server_limits, NetworkAndUnixSocketHaveSeparateBudgets) {
     dh::server::options opts;
     opts.max_connections = 2;
+    opts.max_local_connections = 1;
     bare_server s(opts);
-    auto a = line_client::unix_socket(s.srv.socket_path());
+    auto a = line_client::tcp(s.srv.tcp_port());
     auto b = line_client::tcp(s.srv.tcp_port());
     EXPECT_TRUE(answers(a));
     EXPECT_TRUE(answers(b));
-    auto refused = line_client::unix_socket(s.srv.socket_path());
-    EXPECT_EQ(
-        refused.read_line(),
-        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32000,"message":"Too many connections"}})");
+    auto refused = line_client::tcp(s.srv.tcp_port());
+    EXPECT_EQ(refused.read_line(), refusal("Too many connections"));
     EXPECT_TRUE(refused.closed_by_peer());
-    EXPECT_EQ(s.srv.connection_count(), 2u);
+
+    // The network being full leaves the local slot free; the local budget is its own.
+    auto local = line_client::unix_socket(s.srv.socket_path());
+    EXPECT_TRUE(answers(local));
+    auto local_refused = line_client::unix_socket(s.srv.socket_path());
+    EXPECT_EQ(local_refused.read_line(), refusal("Too many connections"));
+    EXPECT_EQ(s.srv.connection_count(), 3u);
 
     // A closed connection frees its place.
     { auto gone = std::move(a); }
-    ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 1; }));
-    auto c = line_client::unix_socket(s.srv.socket_path());
+    ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 2; }));
+    auto c = line_client::tcp(s.srv.tcp_port());
     EXPECT_TRUE(answers(c));
+}
+
+TEST(server_limits, OnePeerAddressCannotTakeAllNetworkSlots) {
+    dh::server::options opts;
+    opts.max_per_address = 2;
+    bare_server s(opts);
+    std::vector<line_client> held;
+    for (int i = 0; i < 2; ++i) {
+        held.push_back(line_client::tcp(s.srv.tcp_port()));
+        EXPECT_TRUE(answers(held.back()));
+    }
+    auto refused = line_client::tcp(s.srv.tcp_port());
+    EXPECT_EQ(refused.read_line(), refusal("Too many connections from this address"));
+    EXPECT_TRUE(refused.closed_by_peer());
+    held.pop_back();
+    ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 1; }));
+    auto again = line_client::tcp(s.srv.tcp_port());
+    EXPECT_TRUE(answers(again));
+}
+
+TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
+    dh::server::options opts;
+    opts.idle_timeout = 200ms;
+    bare_server s(opts);
+    add<value_node>(s.db, "config/x", false);
+    auto silent = line_client::tcp(s.srv.tcp_port());
+    auto talking = line_client::unix_socket(s.srv.socket_path());
+    auto subscribed = line_client::tcp(s.srv.tcp_port());
+    ASSERT_TRUE(subscribed.send_line(subscribe("config/x")));
+    ASSERT_TRUE(subscribed.read_line());
+
+    const auto start = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - start < 500ms) {
+        ASSERT_TRUE(answers(talking));
+        std::this_thread::sleep_for(50ms);
+    }
+    EXPECT_EQ(silent.read_line(1s), refusal("Idle timeout"));
+    EXPECT_TRUE(silent.closed_by_peer());
+    EXPECT_TRUE(answers(talking));
+    EXPECT_TRUE(answers(subscribed));
+    EXPECT_EQ(s.srv.connection_count(), 2u);
 }
 
 }  // namespace

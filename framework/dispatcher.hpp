@@ -1,0 +1,54 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "connection.hpp"
+#include "dh_db.hpp"
+#include "job_queue.hpp"
+#include "rpc_codec.hpp"
+
+namespace dh::server::detail {
+
+// From request lines to node operations: parses each line, checks the envelope and the params,
+// carries out immediate operations at once and hands those of slow nodes to the workers, and
+// writes the answers. handle_line runs on the serving thread; run_job on a worker.
+class dispatcher {
+  public:
+    using job_poster = std::function<void(std::shared_ptr<connection>, std::unique_ptr<async_job>)>;
+
+    // `admin_only`: paths whose set or run only admins may call.
+    dispatcher(dh_db& db, unsigned max_depth, std::vector<std::string> admin_only, job_poster post);
+
+    void handle_line(connection& c, const char* line, std::size_t len);
+    void run_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job);
+
+  private:
+    void handle_batch(connection& c, codec::request_document& doc);
+    void handle_request(connection& c, const dh::Value& v, const reply_target& t);
+    void dispatch(connection& c, const codec::request& r, const reply_target& t);
+    void node_operation(connection& c, const codec::request& r, const reply_target& t);
+    // Raises -32003 when the client's role does not allow the call.
+    void check_permission(const connection& c, codec::method_id m, std::string_view path) const;
+    void submit(connection& c, const codec::request& r, const reply_target& t,
+                std::shared_ptr<dh_db_leaf_node> node, std::string_view path,
+                const dh::Value* value);
+    void reply(connection& c, const reply_target& t, const codec::request& r,
+               const dh::Value& result);
+    void reply_error(connection& c, const reply_target& t, const codec::request& r,
+                     const codec::rpc_error& e);
+    void deliver_reply(connection& c, const reply_target& t);
+
+    dh_db& db_;
+    const std::vector<std::string> admin_only_;
+    const job_poster post_;
+    // Serving thread only: the parser and writer state reused for every line.
+    codec::line_parser parser_;
+    codec::string_buffer sb_;
+    codec::json_writer writer_;
+    const dh::Value null_value_{};
+};
+
+}  // namespace dh::server::detail

@@ -1,0 +1,49 @@
+#include <iostream>
+#include <sstream>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "msg_log.hpp"
+
+namespace {
+
+// What the standard-error sink writes while it lives.
+class clog_capture {
+  public:
+    clog_capture() : old_(std::clog.rdbuf(out_.rdbuf())) {}
+    ~clog_capture() { std::clog.rdbuf(old_); }
+    std::string text() const { return out_.str(); }
+
+  private:
+    std::ostringstream out_;
+    std::streambuf* old_;
+};
+
+TEST(MsgLog, ClientTextCannotStartALineOrWriteRawControlBytes) {
+    msg_log_slg::construct_logger();
+    const std::string forged = std::string(
+                                   "bad value \n2026-11-23T08:00:00.000Z critical [server] "
+                                   "FORGED\r\x1b[2J end") +
+                               std::string(1, '\0') + "\x7f\t.";
+    clog_capture cap;
+    MSG_LOG(3, "test") << forged;
+    const std::string out = cap.text();
+    ASSERT_EQ(out.find('\n'), out.size() - 1) << out;
+    for (std::size_t i = 0; i + 1 < out.size(); ++i) {
+        const auto c = static_cast<unsigned char>(out[i]);
+        EXPECT_TRUE(c >= 0x20 && c != 0x7f) << "raw byte " << int(c) << " at " << i;
+    }
+    EXPECT_NE(out.find("[test] bad value \\n2026-11-23T08:00:00.000Z critical [server] FORGED\\r"
+                       "\\x1b[2J end\\x00\\x7f\\t."),
+              std::string::npos)
+        << out;
+}
+
+TEST(MsgLog, PrintableAndMultiByteTextIsKept) {
+    EXPECT_EQ(msg_log::escape_control("Path \"a/b\" \\ \xc3\xa9t\xc3\xa9 ~"),
+              "Path \"a/b\" \\ \xc3\xa9t\xc3\xa9 ~");
+    EXPECT_EQ(msg_log::escape_control(std::string_view("\x01\x1f", 2)), "\\x01\\x1f");
+}
+
+}  // namespace

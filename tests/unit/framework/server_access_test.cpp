@@ -1,0 +1,186 @@
+// Authenticated access: the TLS listener with client certificates, the roles they map to, and
+// the role file itself. Certificates come from tests/tools/make-test-certs.sh, made once per run.
+
+#include <cstdlib>
+#include <optional>
+
+#include "dh_client.hpp"
+#include "roles.hpp"
+#include "server.hpp"
+#include "server_test_support.hpp"
+
+namespace server_test {
+namespace {
+
+using dh::server::permits;
+using dh::server::role;
+using dh::server::role_map;
+using dh::server::codec::method_id;
+
+const std::string& cert_dir() {
+    static const std::string dir = [] {
+        const std::string d = make_temp_dir();
+        const std::string cmd = std::string(TEST_TOOLS_DIR) + "/make-test-certs.sh " + d;
+        if (std::system(cmd.c_str()) != 0) throw std::runtime_error("cannot make certificates");
+        return d;
+    }();
+    return dir;
+}
+
+std::string cert(const std::string& name) {
+    return cert_dir() + "/" + name;
+}
+
+const char* roles_json = R"({
+    "certificates": {"CN=monitor,O=Test": "monitor", "CN=operator,O=Test": "operator",
+                     "CN=admin,O=Test": "admin"}
+})";
+
+struct tls_server {
+    explicit tls_server(bool plain_tcp = true) : dir(make_temp_dir()) {
+        dh::server::options opts;
+        opts.tls =
+            dh::server::tls_options{0, cert("server.pem"), cert("server.key"), cert("ca.pem")};
+        opts.roles = std::make_shared<role_map>(role_map::parse(roles_json, "test"));
+        opts.admin_only = {"command/reboot"};
+        opts.plain_tcp = plain_tcp;
+        srv.emplace(db, dir, 0, true, opts);
+        dh::api::const_value<std::string>::create(db, "data/version", "1.2.3");
+        add<value_node>(db, "config/x", false);
+        add<tricky_node>(db, "command/echo", true);
+        add<tricky_node>(db, "command/reboot", true);
+        serving = std::thread([this] { srv->run(); });
+    }
+    ~tls_server() {
+        srv->stop();
+        serving.join();
+        srv.reset();
+        std::filesystem::remove_all(dir);
+    }
+
+    dh::client::client as(const std::string& name) const {
+        dh::client::options o;
+        o.timeout = 5s;
+        return dh::client::client::tls("127.0.0.1", std::to_string(srv->tls_port()),
+                                       {name.empty() ? "" : cert(name + ".pem"),
+                                        name.empty() ? "" : cert(name + ".key"), cert("ca.pem")},
+                                       o);
+    }
+
+    dh_db db;
+    const std::string dir;
+    std::optional<dh::server::server> srv;
+    std::thread serving;
+};
+
+template <typename F>
+int refusal_code(F&& call) {
+    try {
+        call();
+    } catch (const dh::client::rpc_error& e) {
+        return e.code();
+    }
+    return 0;
+}
+
+TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
+    tls_server s;
+    const rapidjson::Value one(1);
+    auto monitor = s.as("monitor");
+    EXPECT_STREQ(monitor.get("data/version").GetString(), "1.2.3");
+    EXPECT_EQ(monitor.list("config").Size(), 1u);
+    EXPECT_EQ(refusal_code([&] { monitor.set("config/x", one); }), -32003);
+    EXPECT_EQ(refusal_code([&] { monitor.run("command/echo", one); }), -32003);
+
+    auto op = s.as("operator");
+    op.set("config/x", one);
+    EXPECT_EQ(op.run("command/echo", one)["echo"].GetInt(), 1);
+    EXPECT_EQ(refusal_code([&] { op.run("command/reboot", one); }), -32003);
+    // Refused before the path is looked up, so roles do not reveal which nodes exist.
+    EXPECT_EQ(refusal_code([&] { monitor.set("no/such/node", one); }), -32003);
+
+    auto admin = s.as("admin");
+    EXPECT_EQ(admin.run("command/reboot", one)["echo"].GetInt(), 1);
+
+    // The history names who made the change.
+    const auto history = admin.history(1);
+    ASSERT_EQ(history.Size(), 1u);
+    EXPECT_STREQ(history[0]["path"].GetString(), "config/x");
+    EXPECT_STREQ(history[0]["who"].GetString(), "CN=operator,O=Test");
+
+    // Plain TCP clients get the role file's plainTcp role, monitor by default.
+    auto plain = line_client::tcp(s.srv->tcp_port());
+    ASSERT_TRUE(plain.send_line(
+        R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/x","value":2}})"));
+    EXPECT_EQ(plain.read_line(),
+              R"({"jsonrpc":"2.0","id":1,"error":{"code":-32003,"message":"Permission denied"}})");
+}
+
+TEST(server_tls, ClientsWithoutATrustedCertificateNeverGetIn) {
+    tls_server s;
+    auto try_get = [&](const std::string& name) {
+        auto c = s.as(name);
+        c.get("data/version");
+    };
+    // With TLS 1.3 the refusal may come with the handshake or with the first read.
+    EXPECT_THROW(try_get(""), dh::client::connection_error);
+    EXPECT_THROW(try_get("rogue"), dh::client::connection_error);
+    // A client that speaks no TLS at all gets nothing either.
+    auto raw = line_client::tcp(s.srv->tls_port());
+    ASSERT_TRUE(raw.send_line(
+        R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})"));
+    EXPECT_TRUE(raw.closed_by_peer());
+    EXPECT_STREQ(s.as("monitor").get("data/version").GetString(), "1.2.3");
+}
+
+TEST(server_tls, PlainTcpOffLeavesUnixSocketAndTls) {
+    tls_server s(false);
+    EXPECT_EQ(s.srv->tcp_port(), 0u);
+    s.srv->start_ipv6_socket("lo");
+    EXPECT_EQ(s.srv->ipv6_port(), 0u);
+    auto local = line_client::unix_socket(s.srv->socket_path());
+    ASSERT_TRUE(local.send_line(
+        R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})"));
+    EXPECT_EQ(local.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
+    EXPECT_STREQ(s.as("admin").get("data/version").GetString(), "1.2.3");
+}
+
+TEST(roles, WhatEachRoleMayCall) {
+    const std::vector<std::string> admin_only = {"command/reboot"};
+    const method_id reads[] = {method_id::get,  method_id::subscribe, method_id::unsubscribe,
+                               method_id::info, method_id::list,      method_id::history};
+    for (const auto m : reads) {
+        EXPECT_FALSE(permits(role::none, m, "a/b", admin_only));
+        EXPECT_TRUE(permits(role::monitor, m, "a/b", admin_only));
+        EXPECT_TRUE(permits(role::monitor, m, "command/reboot", admin_only));
+    }
+    for (const auto m : {method_id::set, method_id::run}) {
+        EXPECT_FALSE(permits(role::monitor, m, "config/x", admin_only));
+        EXPECT_TRUE(permits(role::operator_, m, "config/x", admin_only));
+        EXPECT_FALSE(permits(role::operator_, m, "command/reboot", admin_only));
+        EXPECT_TRUE(permits(role::admin, m, "command/reboot", admin_only));
+    }
+}
+
+TEST(roles, RoleFileIsCheckedAndApplied) {
+    const auto m = role_map::parse(
+        R"({"certificates": {"CN=a": "admin"}, "users": {"no-such-user-here": "admin"},
+            "plainTcp": "operator"})",
+        "f");
+    EXPECT_EQ(m.for_subject("CN=a"), role::admin);
+    EXPECT_EQ(m.for_subject("CN=A"), role::none);
+    EXPECT_EQ(m.for_plain_tcp(), role::operator_);
+    EXPECT_EQ(m.for_unix(0, 0), role::admin);
+    EXPECT_EQ(m.for_unix(65534, 65534), role::none);
+    EXPECT_EQ(role_map::parse("{}", "f").for_plain_tcp(), role::monitor);
+
+    for (const char* bad : {R"({"certificates": {"CN=a": "root"}})", R"({"user": {}})",
+                            R"({"groups": []})", R"({"plainTcp": 1})", "[]", "{"}) {
+        SCOPED_TRACE(bad);
+        EXPECT_THROW(role_map::parse(bad, "f"), std::runtime_error);
+    }
+    EXPECT_THROW(role_map::load("/nonexistent/roles.json"), std::runtime_error);
+}
+
+}  // namespace
+}  // namespace server_test
