@@ -2,13 +2,17 @@
 #include <cstdint>
 #include <iostream>
 #include <memory>
+#include <string>
 #include <thread>
+#include <vector>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 #include <boost/program_options.hpp>
 
 #include "device_handler_api.hpp"
+#include "metrics.hpp"
+#include "metrics_map.hpp"
 #include "msg_log.hpp"
 #include "sysrepo_device_handler.hpp"
 
@@ -25,12 +29,16 @@ void ignore_signal(int) {}
 
 int main(int argc, char* argv[]) {
     std::uint32_t port = 9700;
+    std::string metrics_listen;
     po::options_description desc("Available options",
                                  po::options_description::m_default_line_length,
                                  po::options_description::m_default_line_length / 2);
     desc.add_options()("help", "Print help message")(
         "port,p", po::value<std::uint32_t>(&port)->default_value(9700),
-        "listening socket port number (default value: 9700)");
+        "listening socket port number (default value: 9700)")(
+        "metrics-listen", po::value<std::string>(&metrics_listen),
+        "serve Prometheus metrics over HTTP at ADDRESS:PORT/metrics (IPv6 address in brackets; "
+        "off by default)");
 
     po::variables_map vm;
     try {
@@ -40,7 +48,8 @@ int main(int argc, char* argv[]) {
         std::cout << desc << "\n";
         return 1;
     }
-    if (vm.count("help")) {
+    if (vm.count("help") ||
+        (vm.count("metrics-listen") && !metrics::is_listen_address(metrics_listen))) {
         std::cout << desc << "\n";
         return 1;
     }
@@ -63,12 +72,24 @@ int main(int argc, char* argv[]) {
     auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor());
     MSG_LOG(6, "init") << "Device handler initialized for sysrepo. Listening on port " << port
                        << "." << msg_log::getCodeTrace("sysrepo_device_handler", 3309);
+    // Opened before start-up, so that a taken port ends the daemon before it changes anything.
+    std::unique_ptr<metrics::endpoint> metrics_endpoint;
+    if (!metrics_listen.empty()) {
+        metrics_endpoint = std::make_unique<metrics::endpoint>(
+            metrics_listen, std::vector<std::shared_ptr<prometheus::Collectable>>{
+                                metrics::registry(), std::make_shared<metrics::gauge_collector>(
+                                                         device_gauges(api.db, *handler))});
+        MSG_LOG(6, "init") << "Serving metrics at http://" << metrics_listen << "/metrics."
+                           << msg_log::getCodeTrace(__FILE__, __LINE__);
+    }
     handler->start();
     api.start_ipv6_socket("br1");
     api.start();
 
     signal_io.stop();
     signal_thread.join();
+    // Its gauges read the handler.
+    metrics_endpoint.reset();
     handler.reset();
     return 0;
 }
