@@ -9,10 +9,13 @@
 #include <string>
 #include <vector>
 
+#include <unistd.h>
+
 #include <fmt/format.h>
 #include <boost/program_options.hpp>
 
 #include "dh_client.hpp"
+#include "dhctl_view.hpp"
 
 namespace po = boost::program_options;
 namespace dc = dh::client;
@@ -39,7 +42,8 @@ const std::map<std::string, command_help>& commands() {
         {"get",
          {"get PATH", "print a leaf's value", 1, 1,
           "Prints the value of the leaf at PATH: a string bare, anything else as JSON\n"
-          "(null where a parameter is not set).\n\n"
+          "(null where a parameter is not set). A number is followed by its unit where\n"
+          "the leaf's description has one (-2.3 dBm); --json prints the bare value.\n\n"
           "Example:\n  dhctl get config/ospf/areaId\n"}},
         {"set",
          {"set PATH VALUE", "write a leaf's value", 2, 2,
@@ -62,8 +66,11 @@ const std::map<std::string, command_help>& commands() {
           "Subscribes to every PATH, prints each one's current value, then one line per\n"
           "event, `TIME PATH VALUE`, until interrupted (Ctrl-C or SIGTERM; exit status 0).\n"
           "The current values are stamped with the local clock. With --json every line is\n"
-          "an event object; current values have \"type\":\"initial\".\n\n"
-          "Example:\n  dhctl watch data/configStatus data/installStatus\n"}},
+          "an event object; current values have \"type\":\"initial\". With --table, a\n"
+          "table of the paths, their latest values and when they came, redrawn in place\n"
+          "on a terminal (printed anew after each change otherwise).\n\n"
+          "Examples:\n  dhctl watch data/configStatus data/installStatus\n"
+          "  dhctl watch --table data/e13/sfp/rxPower data/e13/sfp/txPower\n"}},
         {"ls",
          {"ls [PREFIX]", "list leaves with their descriptions", 0, 1,
           "Lists the leaves whose path equals PREFIX or lies below it (every leaf without\n"
@@ -98,7 +105,9 @@ po::options_description global_options() {
         ("port", po::value<unsigned>()->value_name("PORT"), "TCP port (default 9700)")
         ("json", "print raw JSON, one line per value or event")
         ("timeout", po::value<double>()->value_name("SECONDS")->default_value(60),
-         "limit for connecting and for each request");
+         "limit for connecting and for each request")
+        ("table", "watch: a live table of the latest values instead of one line per change")
+        ("version", "print the version and exit");
     // clang-format on
     return options;
 }
@@ -143,6 +152,7 @@ extern "C" void on_interrupt(int) {
 
 struct output {
     bool json;
+    bool table = false;
 
     void value(const rapidjson::Value& v) const {
         std::cout << (json ? dc::to_json(v) : dc::display_value(v, true)) << '\n';
@@ -169,22 +179,41 @@ rapidjson::Document optional_value(const std::vector<std::string>& args, std::si
     return rapidjson::Document();
 }
 
-// Prints the current values, then every event until SIGINT/SIGTERM. A subscription also sends
-// the current value as an event (before or after its response); the first event of a path that
-// repeats the value already printed is that one and is skipped.
-int watch(dc::client& c, const std::vector<std::string>& paths, const output& out) {
+void catch_interrupts() {
     struct sigaction action {};
     action.sa_handler = on_interrupt;
     sigemptyset(&action.sa_mask);
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+}
 
+// The path as the daemon names it in events: without leading and trailing slashes.
+std::string event_path(std::string path) {
+    while (!path.empty() && path.front() == '/') path.erase(0, 1);
+    while (!path.empty() && path.back() == '/') path.pop_back();
+    return path;
+}
+
+// True for the first event of a watched path when it only repeats the value printed on
+// subscribing; forgets that value either way.
+bool repeats_initial(std::map<std::string, std::optional<rapidjson::Document>>& initial,
+                     const dc::event& e) {
+    auto it = initial.find(e.path);
+    if (it == initial.end() || !it->second) return false;
+    const bool repeat = *it->second == e.value;
+    it->second.reset();
+    return repeat;
+}
+
+// Prints the current values, then every event until SIGINT/SIGTERM. A subscription also sends
+// the current value as an event (before or after its response); the first event of a path that
+// repeats the value already printed is that one and is skipped.
+int watch(dc::client& c, const std::vector<std::string>& paths, const output& out) {
+    catch_interrupts();
     std::map<std::string, std::optional<rapidjson::Document>> initial;
     for (const auto& raw : paths) {
         auto value = c.subscribe(raw);
-        std::string path = raw;
-        while (!path.empty() && path.front() == '/') path.erase(0, 1);
-        while (!path.empty() && path.back() == '/') path.pop_back();
+        const std::string path = event_path(raw);
         const std::string time = now_utc_iso();
         if (out.json) {
             rapidjson::Document line(rapidjson::kObjectType);
@@ -203,13 +232,7 @@ int watch(dc::client& c, const std::vector<std::string>& paths, const output& ou
 
     while (!interrupted) {
         auto e = c.next_event(std::chrono::milliseconds(200));
-        if (!e) continue;
-        auto it = initial.find(e->path);
-        if (it != initial.end() && it->second) {
-            const bool repeat = *it->second == e->value;
-            it->second.reset();
-            if (repeat) continue;
-        }
+        if (!e || repeats_initial(initial, *e)) continue;
         if (out.json) {
             rapidjson::Document line(rapidjson::kObjectType);
             auto& a = line.GetAllocator();
@@ -227,10 +250,62 @@ int watch(dc::client& c, const std::vector<std::string>& paths, const output& ou
     return EXIT_SUCCESS;
 }
 
+// `watch --table`: the table of current values, then the table again after each burst of events
+// (those already queued are taken together). On a terminal each table replaces the last one.
+int watch_table(dc::client& c, const std::vector<std::string>& paths) {
+    catch_interrupts();
+    dc::live_table table;
+    std::map<std::string, std::optional<rapidjson::Document>> initial;
+    for (const auto& raw : paths) {
+        const std::string path = event_path(raw);
+        std::string unit;
+        try {
+            unit = dc::unit_of(c.info(path));
+        } catch (const dc::rpc_error&) {
+            // The subscription below reports what is wrong with the path.
+        }
+        table.add(path, std::move(unit));
+        auto value = c.subscribe(raw);
+        table.update(path, value, now_utc_iso());
+        initial[path] = std::move(value);
+    }
+
+    const bool terminal = isatty(STDOUT_FILENO);
+    std::size_t drawn = 0;
+    const auto draw = [&] {
+        if (drawn > 0) std::cout << (terminal ? dc::redraw_over(drawn) : "\n");
+        std::cout << table.render() << std::flush;
+        drawn = table.lines();
+    };
+    draw();
+    while (!interrupted) {
+        bool changed = false;
+        for (auto e = c.next_event(std::chrono::milliseconds(200)); e;
+             e = c.next_event(std::chrono::milliseconds(0))) {
+            if (repeats_initial(initial, *e)) continue;
+            table.update(e->path, e->value, e->time);
+            changed = true;
+        }
+        if (changed) draw();
+    }
+    return EXIT_SUCCESS;
+}
+
 int run_command(dc::client& c, const std::string& command, const std::vector<std::string>& args,
                 const output& out) {
     if (command == "get") {
-        out.value(c.get(args[0]));
+        auto value = c.get(args[0]);
+        if (out.json || !value.IsNumber()) {
+            out.value(value);
+            return EXIT_SUCCESS;
+        }
+        std::string unit;
+        try {
+            unit = dc::unit_of(c.info(args[0]));
+        } catch (const dc::rpc_error&) {
+            // The value is printed without a unit rather than not at all.
+        }
+        std::cout << dc::display_with_unit(value, unit, true) << '\n';
     } else if (command == "set") {
         c.set(args[0], dc::parse_cli_value(args[1]));
         if (out.json) std::cout << "null\n";
@@ -274,7 +349,7 @@ int run_command(dc::client& c, const std::string& command, const std::vector<std
                        value != entry.MemberEnd() ? value->value : null_value);
         }
     } else if (command == "watch") {
-        return watch(c, args, out);
+        return out.table ? watch_table(c, args) : watch(c, args, out);
     }
     return EXIT_SUCCESS;
 }
@@ -306,6 +381,10 @@ int main(int argc, char** argv) {
     auto args =
         vm.count("args") ? vm["args"].as<std::vector<std::string>>() : std::vector<std::string>();
 
+    if (vm.count("version")) {
+        std::cout << "dhctl " DH_VERSION "\n";
+        return EXIT_SUCCESS;
+    }
     if (command == "help" || (command.empty() && vm.count("help"))) {
         if (command.empty() || args.empty()) {
             print_general_help(std::cout);
@@ -328,6 +407,8 @@ int main(int argc, char** argv) {
     if (args.size() < entry->second.min_args || args.size() > entry->second.max_args)
         return usage_error(fmt::format("usage: dhctl {}", entry->second.synopsis));
 
+    if (vm.count("table") && (command != "watch" || vm.count("json")))
+        return usage_error("--table goes with watch only, and not with --json");
     if (command == "history" && !args.empty()) {
         const std::string& n = args[0];
         if (n.empty() || n.size() > 9 || n.find_first_not_of("0123456789") != std::string::npos)
@@ -370,7 +451,7 @@ int main(int argc, char** argv) {
     }
 
     try {
-        return run_command(*c, command, args, output{vm.count("json") > 0});
+        return run_command(*c, command, args, output{vm.count("json") > 0, vm.count("table") > 0});
     } catch (const dc::rpc_error& e) {
         std::cout.flush();
         std::cerr << e.what();

@@ -33,7 +33,7 @@ int main(int argc, char* argv[]) {
     po::options_description desc("Available options",
                                  po::options_description::m_default_line_length,
                                  po::options_description::m_default_line_length / 2);
-    desc.add_options()("help", "Print help message")(
+    desc.add_options()("help", "Print help message")("version", "Print the version")(
         "port,p", po::value<std::uint32_t>(&port)->default_value(9700),
         "listening socket port number (default value: 9700)")(
         "metrics-listen", po::value<std::string>(&metrics_listen),
@@ -53,6 +53,10 @@ int main(int argc, char* argv[]) {
         std::cout << desc << "\n";
         return 1;
     }
+    if (vm.count("version")) {
+        std::cout << "sysrepo-device-handler " DH_VERSION "\n";
+        return 0;
+    }
 
     struct sigaction pipe_action {};
     pipe_action.sa_handler = ignore_signal;
@@ -61,7 +65,7 @@ int main(int argc, char* argv[]) {
     device_handler_api api("/tmp/device_handlers/sysrepo", port, false);
 
     // SIGTERM and SIGINT end the serving loop, so the handler and the front end are torn down in
-    // order (poll threads joined, socket file removed) instead of the process just vanishing.
+    // order (scheduled work ended, socket file removed) instead of the process just vanishing.
     boost::asio::io_context signal_io;
     boost::asio::signal_set stop_signals(signal_io, SIGTERM, SIGINT);
     stop_signals.async_wait([&api](const boost::system::error_code& ec, int) {
@@ -69,7 +73,9 @@ int main(int argc, char* argv[]) {
     });
     std::thread signal_thread([&signal_io] { signal_io.run(); });
 
-    auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor());
+    // Periodic and delayed work; two workers, so that a slow poll does not hold up the others.
+    dh::scheduler sched(dh::system_clock(), 2);
+    auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor(), sched);
     MSG_LOG(6, "init") << "Device handler initialized for sysrepo. Listening on port " << port
                        << "." << msg_log::getCodeTrace("sysrepo_device_handler", 3309);
     // Opened before start-up, so that a taken port ends the daemon before it changes anything.

@@ -209,7 +209,8 @@ void sysrepo_device_handler::register_nodes(const Document& running, const Docum
     add(temperature_margin_node::create(db, "data/temperatureMargin",
                                         std::weak_ptr<sfp_plus_data_reader>(sfp_), margin_filter,
                                         margin_poll_cycles),
-        monitored);
+        monitored)
+        ->set_unit(dh::api::units::celsius);
     // 45, 46
     const std::weak_ptr<lldp_unit> lldp = lldp_;
     for (std::string_view port : RDM_INTERFACES) {

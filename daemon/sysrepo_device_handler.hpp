@@ -1,12 +1,8 @@
 #pragma once
 
-#include <condition_variable>
 #include <filesystem>
-#include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
-#include <thread>
+#include <optional>
 
 #include "acl.hpp"
 #include "datastore.hpp"
@@ -20,6 +16,7 @@
 #include "maintenance.hpp"
 #include "ntp.hpp"
 #include "ospf.hpp"
+#include "scheduler.hpp"
 #include "sfp.hpp"
 #include "system.hpp"
 
@@ -29,8 +26,9 @@
 class sysrepo_device_handler {
   public:
     // `root` is where the device's filesystem lies for the daemon ("/" on a device; tests point
-    // it at a temporary directory).
-    sysrepo_device_handler(dh_db& db, std::shared_ptr<host::executor> exec,
+    // it at a temporary directory). All periodic and delayed work runs on `sched`, which must
+    // outlive the handler.
+    sysrepo_device_handler(dh_db& db, std::shared_ptr<host::executor> exec, dh::scheduler& sched,
                            std::filesystem::path root = "/");
     ~sysrepo_device_handler();
     sysrepo_device_handler(const sysrepo_device_handler&) = delete;
@@ -56,9 +54,9 @@ class sysrepo_device_handler {
     // Registers the node map; `running` and `oper` are the documents start() exported once, from
     // which every initial value is read.
     void register_nodes(const Document& running, const Document& oper);
-    void poll_func();
 
     dh_db& db;
+    dh::scheduler& sched_;
     host::door door_;
     datastore_service datastore_;
     std::shared_ptr<ospf_unit> ospf_;
@@ -72,15 +70,7 @@ class sysrepo_device_handler {
     std::shared_ptr<maintenance_unit> maintenance_;
     std::shared_ptr<sfp_plus_data_reader> sfp_;
 
-    dh::api::value_group group{1000, 0, 0};
+    dh::api::value_group group;
     std::shared_ptr<dh::api::status_value<bool>> config_status;
-
-    std::thread poll_thread;
-    // The poll thread waits on poll_wakeup between cycles so that the destructor's stop request
-    // ends the wait at once; poll_mutex guards stop_poll and the delayed jobs, which the poll
-    // thread runs when they fall due (those still waiting at destruction are dropped).
-    std::mutex poll_mutex;
-    std::condition_variable poll_wakeup;
-    bool stop_poll = false;
-    std::multimap<std::chrono::steady_clock::time_point, std::function<void()>> delayed;
+    std::optional<dh::scheduler::task_id> poll_;
 };

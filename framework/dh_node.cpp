@@ -55,6 +55,7 @@ dh::Value dh_db_leaf_node::get_info(dh::Allocator& allocator) {
     info.AddMember("path", dh::Value(path.c_str(), allocator), allocator);
     const std::string text = get_info();
     info.AddMember("description", dh::Value(text.c_str(), allocator), allocator);
+    if (!unit_.empty()) info.AddMember("unit", dh::Value(unit_.c_str(), allocator), allocator);
     return info;
 }
 

@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "dh_error.hpp"
@@ -41,8 +42,13 @@ class dh_db_leaf_node : public std::enable_shared_from_this<dh_db_leaf_node> {
     virtual void unsubscribe(const std::shared_ptr<dh_session>& session);
     // One-line description, e.g. "config value (read,write,subscribe)".
     virtual std::string get_info();
-    // Description object: {"path", "description"} plus what the node kind adds.
+    // Description object: {"path", "description"}, "unit" when the node has one, plus what the
+    // node kind adds.
     virtual dh::Value get_info(dh::Allocator& allocator);
+    // The unit of a numeric value ("dBm", "°C"), shown to people next to the value. Set while the
+    // nodes are registered, before the server serves; read-only afterwards.
+    void set_unit(std::string unit) { unit_ = std::move(unit); }
+    const std::string& unit() const noexcept { return unit_; }
     // True when the node's operations may block (they call the handler): the server then runs
     // them on its worker pool instead of the serving thread.
     virtual bool is_async();
@@ -59,6 +65,7 @@ class dh_db_leaf_node : public std::enable_shared_from_this<dh_db_leaf_node> {
   private:
     dh_db& db_;
     const std::vector<std::string> path_;
+    std::string unit_;
 };
 
 // A leaf that clients can subscribe to. It keeps its subscribers (weakly: a closed session drops

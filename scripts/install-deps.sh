@@ -9,6 +9,7 @@ packages=(
     libboost-system-dev libboost-thread-dev
     rapidjson-dev libfmt-dev libgtest-dev libgmock-dev
     redis-server redis-tools nftables iproute2 util-linux procps psmisc python3 clang-format
+    help2man dpkg-dev file lintian debootstrap
     prometheus-cpp-dev prometheus
 )
 

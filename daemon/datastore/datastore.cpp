@@ -40,21 +40,22 @@ Document copy_document(const dh::Value& value) {
     return doc;
 }
 
-datastore_service::datastore_service(const host::door& door) : door_(door) {}
+datastore_service::datastore_service(const host::door& door, const dh::clock& time)
+    : door_(door), time_(time) {}
 
 Document datastore_service::export_running() const {
-    return parse(door_.call(export_argv("running"), host::in_host()));
+    return parse(door_.call(export_argv("running"), host::query()));
 }
 
 Document datastore_service::export_startup() const {
-    return parse(door_.call(export_argv("startup"), host::in_host()));
+    return parse(door_.call(export_argv("startup"), host::query()));
 }
 
 Document datastore_service::export_checked(datastore ds, const host::argv_t& selection) const {
     host::argv_t argv{
         "/bin/sysrepocfg", "--export", "-f", "json", "-d", std::string(1, static_cast<char>(ds))};
     argv.insert(argv.end(), selection.begin(), selection.end());
-    const std::string output = door_.call(argv, host::in_host());
+    const std::string output = door_.call(argv, host::query());
     Document doc = parse(output);
     if (doc.HasParseError()) {
         MSG_LOG(3, "export_or_else_throw")
@@ -130,14 +131,12 @@ Document datastore_service::cached_oper(std::string_view module) {
     const std::string key(module);
     {
         std::lock_guard lock(cache_mutex_);
-        if (auto it = cache_.find(key);
-            it != cache_.end() && std::chrono::steady_clock::now() < it->second.expires)
+        if (auto it = cache_.find(key); it != cache_.end() && time_.now() < it->second.expires)
             return copy_document(it->second.doc);
     }
     Document fresh = export_checked(datastore::operational, {"-m", key});
     std::lock_guard lock(cache_mutex_);
-    cache_.insert_or_assign(
-        key, cached{copy_document(fresh), std::chrono::steady_clock::now() + cache_lifetime});
+    cache_.insert_or_assign(key, cached{copy_document(fresh), time_.now() + cache_lifetime});
     return fresh;
 }
 

@@ -9,6 +9,7 @@
 
 #include "dh_types.hpp"
 #include "door.hpp"
+#include "scheduler.hpp"
 
 using Document = dh::Document;
 
@@ -24,7 +25,8 @@ class datastore_service {
   public:
     using edit_fn = std::function<void(Document&)>;
 
-    explicit datastore_service(const host::door& door);
+    // The operational cache's second is measured on `time`.
+    explicit datastore_service(const host::door& door, const dh::clock& time = dh::system_clock());
 
     // `sysrepocfg --export` of running or startup. Unparsable output gives a null document, in
     // which every lookup finds nothing and the caller's own "not found" handling applies.
@@ -58,6 +60,7 @@ class datastore_service {
     void clear_cache();
 
     const host::door& door_;
+    const dh::clock& time_;
 
     // Guards every export-edit-import sequence and startup_diverged_. Taken only by edit(),
     // edit_startup() and replace_startup(); no unit lock is taken while it is held.
@@ -68,7 +71,7 @@ class datastore_service {
     std::mutex cache_mutex_;
     struct cached {
         Document doc;
-        std::chrono::steady_clock::time_point expires;
+        dh::clock::time_point expires;
     };
     std::unordered_map<std::string, cached> cache_;
 };

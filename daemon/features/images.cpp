@@ -105,7 +105,7 @@ images_unit::images_unit(const host::door& door) : door_(door) {}
 
 rauc::status_map images_unit::query_rauc_status() {
     return parse_rauc_status(
-        door_.call({"rauc", "status", "--detailed", "--output-format=shell"}, host::in_host()));
+        door_.call({"rauc", "status", "--detailed", "--output-format=shell"}, host::query()));
 }
 
 void images_unit::set_install_status(std::string text) {

@@ -93,7 +93,7 @@ Document lldp_unit::lldp_update_neighbours() {
         for (const auto& [port, enabled] : lldp_enabled) any_enabled = any_enabled || enabled;
         if (!any_enabled) return empty_array();
     }
-    const std::string output = door_.call({"/sbin/lldpctl", "-f", "json"}, host::in_host());
+    const std::string output = door_.call({"/sbin/lldpctl", "-f", "json"}, host::query());
     Document result = lldp_neighbours::interfaces(output);
     auto ports = lldp_neighbours::by_port(result);
 

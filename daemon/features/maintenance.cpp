@@ -104,9 +104,32 @@ std::string trimmed(std::string text) {
 
 }  // namespace
 
-maintenance_unit::maintenance_unit(const host::door& door, datastore_service& ds, later_fn later,
-                                   pause_fn pause)
-    : door_(door), ds_(ds), later_(std::move(later)), pause_(std::move(pause)) {}
+maintenance_unit::maintenance_unit(const host::door& door, datastore_service& ds,
+                                   dh::scheduler& sched)
+    : door_(door), ds_(ds), sched_(sched) {}
+
+maintenance_unit::~maintenance_unit() {
+    std::map<std::uint64_t, dh::scheduler::task_id> delayed;
+    {
+        std::lock_guard lock(delayed_mutex_);
+        delayed = delayed_;
+    }
+    // Waits for a job that runs; it still finds the unit whole.
+    for (const auto& [number, id] : delayed) sched_.cancel(id);
+}
+
+void maintenance_unit::later(std::chrono::milliseconds delay, std::function<void()> job) {
+    std::lock_guard lock(delayed_mutex_);
+    const auto number = ++delayed_count_;
+    delayed_[number] = sched_.after(
+        delay,
+        [this, number, job = std::move(job)] {
+            job();
+            std::lock_guard lock(delayed_mutex_);
+            delayed_.erase(number);
+        },
+        dh::scheduler::on::pool);
+}
 
 void maintenance_unit::run_system_command(const host::argv_t& argv, const host::options& opts) {
     const auto r = door_.run(argv, opts);
@@ -119,7 +142,7 @@ void maintenance_unit::run_system_command(const host::argv_t& argv, const host::
 bool maintenance_unit::run_reboot_command(const bool&) {
     MSG_LOG(3, "run_reboot_command")
         << "Rebooting the device in 500ms." << msg_log::getCodeTrace(__FILE__, __LINE__);
-    later_(500ms, [&door = door_] {
+    later(500ms, [&door = door_] {
         try {
             door.call({"reboot"}, host::in_host());
         } catch (const std::exception& e) {
@@ -133,7 +156,7 @@ bool maintenance_unit::run_reboot_command(const bool&) {
 bool maintenance_unit::wait_until(const std::function<bool()>& ready, int attempts,
                                   std::chrono::milliseconds interval) {
     for (int i = 0; i < attempts; ++i) {
-        if (i) pause_(interval);
+        if (i) sched_.sleep_for(interval);
         if (ready()) return true;
     }
     return false;
@@ -201,7 +224,7 @@ bool maintenance_unit::restore_factory_defaults(bool reboot, unsigned int level)
     // Everything that can fail runs before the configuration is touched.
     if (level == 4) keep_store_keys();
     if (level > 1) ds_.replace_startup(ds_.export_checked(datastore::factory_default, {}));
-    later_(1s, [this, reboot, level] { factory_reset(reboot, level); });
+    later(1s, [this, reboot, level] { factory_reset(reboot, level); });
     return true;
 }
 

@@ -1,23 +1,26 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <functional>
+#include <map>
 #include <mutex>
 #include <string>
 
 #include "datastore.hpp"
 #include "door.hpp"
+#include "scheduler.hpp"
 
 // Reboot, factory defaults and the technical log. The parts of a reboot or a reset that take the
 // device down run later, on the scheduler, so that the command's answer reaches the client first.
 class maintenance_unit {
   public:
-    // Runs a job once after a delay (the scheduler's `after`).
-    using later_fn = std::function<void(std::chrono::milliseconds, std::function<void()>)>;
-    // Waits between two looks at a store that is starting or rewriting its file.
-    using pause_fn = std::function<void(std::chrono::milliseconds)>;
-
-    maintenance_unit(const host::door& door, datastore_service& ds, later_fn later, pause_fn pause);
+    // Delayed work runs on `sched`'s pool, and the waits for the keeping store use its clock.
+    // Delayed work not yet started when the unit goes is dropped.
+    maintenance_unit(const host::door& door, datastore_service& ds, dh::scheduler& sched);
+    ~maintenance_unit();
+    maintenance_unit(const maintenance_unit&) = delete;
+    maintenance_unit& operator=(const maintenance_unit&) = delete;
 
     bool run_reboot_command(const bool& unused);
     bool restore_factory_defaults(bool reboot, unsigned int level);
@@ -35,11 +38,16 @@ class maintenance_unit {
     // Polls `ready` up to `attempts` times, pausing `interval` between looks.
     bool wait_until(const std::function<bool()>& ready, int attempts,
                     std::chrono::milliseconds interval);
+    void later(std::chrono::milliseconds delay, std::function<void()> job);
 
     const host::door& door_;
     datastore_service& ds_;
-    later_fn later_;
-    pause_fn pause_;
+    dh::scheduler& sched_;
     // One reset or technical log at a time.
     std::mutex mutex_;
+    // Guards delayed_: the delayed work handed to the scheduler and not yet ended, by a number
+    // of the unit's own; the destructor cancels it.
+    std::mutex delayed_mutex_;
+    std::uint64_t delayed_count_ = 0;
+    std::map<std::uint64_t, dh::scheduler::task_id> delayed_;
 };

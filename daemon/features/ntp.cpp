@@ -249,8 +249,7 @@ Document ntp_unit::get_ntp_status() {
     if (get_ntp_adminStatus(running) == "up") {
         primary = get_ntp_server(running, true);
         secondary = get_ntp_server(running, false);
-        const std::string output =
-            door_.call({"/bin/chronyc", "-cN", "selectdata"}, host::in_host());
+        const std::string output = door_.call({"/bin/chronyc", "-cN", "selectdata"}, host::query());
         if (!output.empty()) report = ntp_status::evaluate(output, primary, secondary);
     }
 

@@ -73,6 +73,8 @@ std::string compose_description(const std::function<std::string(const std::strin
 
 namespace {
 
+namespace units = dh::api::units;
+
 using pushed_string =
     dh::api::hysteresis_filtered_value<dh::api::pushed_volatile_value_impl<std::string>>;
 using presence_node = dh::api::volatile_value<&sfp_plus_data_reader::present>;
@@ -88,14 +90,14 @@ host::argv_t ethtool_argv(std::string_view port) {
     return {"ethtool", "-m", std::string(port)};
 }
 
-const host::options ethtool_options = host::in_host().quiet();
+const host::options ethtool_options = host::query().quiet();
 
 }  // namespace
 
 struct sfp_plus_data_reader::state {
     struct TempMap {
         ethtool::properties props;
-        std::chrono::steady_clock::time_point expires;
+        dh::clock::time_point expires;
     };
     struct inventory {
         std::shared_ptr<pushed_string> serial_number, hw_revision, part_name, description,
@@ -109,14 +111,18 @@ struct sfp_plus_data_reader::state {
     // One flag per port, made in the constructor; the map itself never changes afterwards.
     std::unordered_map<std::string, std::atomic<bool>> presence;
 
-    // Filled by init() before the poll thread starts; afterwards only the poll thread uses it.
+    // Filled by init() before the poll starts; afterwards only the poll uses it.
     std::unordered_map<std::string, inventory> inventories;
 
-    dh::api::value_group group{1000, 500, 0};
+    // Half a second out of step with the owner's one-second poll, so the two do not run at once.
+    dh::api::value_group group;
+    const dh::clock& time;
+
+    explicit state(dh::scheduler& sched) : group(sched, 1000, 500), time(sched.time()) {}
 };
 
-sfp_plus_data_reader::sfp_plus_data_reader(dh_db& db, const host::door& door)
-    : db_(db), door_(door), state_(std::make_unique<state>()) {
+sfp_plus_data_reader::sfp_plus_data_reader(dh_db& db, const host::door& door, dh::scheduler& sched)
+    : db_(db), door_(door), state_(std::make_unique<state>(sched)) {
     for (auto port : sysrepo_common::SFP_INTERFACES) state_->presence[std::string(port)] = false;
 }
 
@@ -133,22 +139,24 @@ void sfp_plus_data_reader::init() {
         // Class 0: a read-through value has no periodic work for the group's ticks.
         group.add_value(presence_node::create(db_, fmt::format("{}/sfp/present", port), self, port),
                         0);
-        group.add_value(
-            power_node::create(db_, fmt::format("data/{}/sfp/rxPower", port), self, power_filter(),
+        const auto add = [&](std::shared_ptr<dh_db_leaf_node> node, const char* unit) {
+            node->set_unit(unit);
+            group.add_value(node, 1);
+        };
+        add(power_node::create(db_, fmt::format("data/{}/sfp/rxPower", port), self, power_filter(),
                                POLL_CYCLES, "Receiver signal average optical power", port),
-            1);
-        group.add_value(power_node::create(db_, fmt::format("data/{}/sfp/txPower", port), self,
-                                           power_filter(), POLL_CYCLES, "Laser output power", port),
-                        1);
-        group.add_value(
-            power_node::create(db_, fmt::format("data/{}/sfp/rxPowerLowWarningThreshold", port),
+            units::dbm);
+        add(power_node::create(db_, fmt::format("data/{}/sfp/txPower", port), self, power_filter(),
+                               POLL_CYCLES, "Laser output power", port),
+            units::dbm);
+        add(power_node::create(db_, fmt::format("data/{}/sfp/rxPowerLowWarningThreshold", port),
                                self, power_node::filter_type::make_equal(), POLL_CYCLES,
                                "Laser rx power low warning threshold", port),
-            1);
-        group.add_value(margin_node::create(
-                            db_, fmt::format("data/{}/sfp/temperatureMargin", port), self,
-                            margin_node::filter_type::make_default(5.0, 1.0, 5), POLL_CYCLES, port),
-                        1);
+            units::dbm);
+        add(margin_node::create(db_, fmt::format("data/{}/sfp/temperatureMargin", port), self,
+                                margin_node::filter_type::make_default(5.0, 1.0, 5), POLL_CYCLES,
+                                port),
+            units::celsius);
 
         // Inventory texts are empty while no module is in the port.
         auto make = [&](std::string_view leaf) {
@@ -166,7 +174,7 @@ bool sfp_plus_data_reader::present(std::string_view port) {
     return it != state_->presence.end() && it->second.load();
 }
 
-// Polled readings of an empty port fail without starting ethtool: the poll thread has found the
+// Polled readings of an empty port fail without starting ethtool: the poll has found the
 // port empty within the last second.
 static void require_present(sfp_plus_data_reader& reader, std::string_view port) {
     if (!reader.present(port))
@@ -208,7 +216,7 @@ std::string sfp_plus_data_reader::parse_string_from_property(const std::string& 
     {
         std::shared_lock lock(state_->cache_mutex);
         const auto it = state_->cache.find(key);
-        if (it != state_->cache.end() && std::chrono::steady_clock::now() < it->second.expires) {
+        if (it != state_->cache.end() && state_->time.now() < it->second.expires) {
             const auto found = it->second.props.find(property);
             if (found == it->second.props.end()) throw dh_error(-22, "property not found");
             return found->second;
@@ -230,7 +238,7 @@ std::string sfp_plus_data_reader::parse_string_from_property(const std::string& 
 void sfp_plus_data_reader::load(std::string_view port) {
     auto props = ethtool::parse_module_info(door_.call(ethtool_argv(port), ethtool_options, false));
     std::unique_lock lock(state_->cache_mutex);
-    state_->cache[std::string(port)] = {std::move(props), std::chrono::steady_clock::now() + 1s};
+    state_->cache[std::string(port)] = {std::move(props), state_->time.now() + 1s};
 }
 
 double sfp_plus_data_reader::parse_double_from_property(const std::string& property,

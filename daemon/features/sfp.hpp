@@ -8,6 +8,7 @@
 
 #include "dh_db.hpp"
 #include "door.hpp"
+#include "scheduler.hpp"
 
 // Publishes, per pluggable optical port, module presence, optical powers, temperature margin and
 // inventory, all read from `ethtool -m PORT` (cached one second per port). poll(), run every
@@ -15,7 +16,8 @@
 // hold weak references.
 class sfp_plus_data_reader : public std::enable_shared_from_this<sfp_plus_data_reader> {
   public:
-    sfp_plus_data_reader(dh_db& db, const host::door& door);
+    // The powers and margins are polled by a value group on `sched`.
+    sfp_plus_data_reader(dh_db& db, const host::door& door, dh::scheduler& sched);
     ~sfp_plus_data_reader();
     sfp_plus_data_reader(const sfp_plus_data_reader&) = delete;
     sfp_plus_data_reader& operator=(const sfp_plus_data_reader&) = delete;

@@ -52,7 +52,7 @@ std::string system_unit::run_cli_command(const std::string& cmd) {
     // error: klish itself would read some of them as its own syntax.
     if (!cli_text::is_allowed_command(cmd))
         dh::raise(-22, "Invalid cli command: \"" + cmd + "\".", "run_cli_command");
-    std::string output = door_.call({"/usr/bin/klish", "-c", cmd}, host::in_host());
+    std::string output = door_.call({"/usr/bin/klish", "-c", cmd}, host::query());
     if (const auto pos = output.find(sysrepo_common::CLI_HELP_TEXT); pos != std::string::npos)
         output.resize(pos);
     return output;
@@ -117,7 +117,7 @@ std::string container_version_from(std::string text) {
 
 std::string read_fw_version(const host::door& door) {
     try {
-        return fw_version_from(door.call({"cat", "/etc/version"}, host::in_host()));
+        return fw_version_from(door.call({"cat", "/etc/version"}, host::query()));
     } catch (const dh_error&) {
         return {};
     }

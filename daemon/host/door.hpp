@@ -69,6 +69,15 @@ inline options in_host() {
     return options{}.in_host();
 }
 
+// A query of a host tool's state (status, counters, exports) answers in well under a second; one
+// that hangs is killed at this limit, so it cannot hold a worker or the poll forever.
+inline constexpr std::chrono::seconds query_limit{30};
+
+// The options of a query run in the host's namespaces.
+inline options query() {
+    return in_host().limited_to(query_limit);
+}
+
 struct result {
     // Raw wait status (exit status << 8, or the signal); -1 when the command could not start.
     int status = -1;

@@ -10,5 +10,6 @@
 #include "dh_api/polled_value.hpp"
 #include "dh_api/pushed_value.hpp"
 #include "dh_api/status_value.hpp"
+#include "dh_api/units.hpp"
 #include "dh_api/volatile_value.hpp"
 #include "value_group.hpp"

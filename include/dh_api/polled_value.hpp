@@ -22,10 +22,10 @@ namespace dh::api {
 // The polling half of a monitored value (used as hysteresis_filtered_value<
 // polled_volatile_value_impl<&M>>): M is called with the fixed arguments on the first tick of the
 // node's value group, then every `poll_cycles` ticks, and at once on periodic_task(true). Calls
-// run on the group's worker pool, one at a time per node; a request that arrives while a call is
-// running makes it run once more afterwards. A call that throws leaves the last value in place;
-// the first failure of a streak is logged, a success ends the streak. Outside a value group only
-// periodic_task(true) polls, on the caller's thread.
+// run on the scheduler's pool (value_group::post), one at a time per node; a request that arrives
+// while a call is running makes it run once more afterwards. A call that throws leaves the last
+// value in place; the first failure of a streak is logged, a success ends the streak. Outside a
+// value group only periodic_task(true) polls, on the caller's thread.
 template <auto M>
 class polled_volatile_value_impl : public async_volatile_value<dh_db_event_node, M>,
                                    public value_group_member {

@@ -75,13 +75,17 @@ TEST_F(Datastore, AFailedWriteChangesNothing) {
 TEST_F(Datastore, OperationalDocumentsAreCachedOneSecondAndChecked) {
     fake->on("-d o -m ietf-interfaces", fake_executor::reply{0, R"({"i:i":{"n":1}})"});
     EXPECT_EQ(to_json(handler->datastore().cached_oper("ietf-interfaces")), R"({"i:i":{"n":1}})");
+    sched.advance(999ms);
     EXPECT_EQ(to_json(handler->datastore().cached_oper("ietf-interfaces")), R"({"i:i":{"n":1}})");
     EXPECT_EQ(fake->count("-m ietf-interfaces"), 1u);
+    sched.advance(1ms);
+    handler->datastore().cached_oper("ietf-interfaces");
+    EXPECT_EQ(fake->count("-m ietf-interfaces"), 2u);
     // A write empties the cache.
     running_is("{}");
     handler->datastore().edit([](Document&) {});
     handler->datastore().cached_oper("ietf-interfaces");
-    EXPECT_EQ(fake->count("-m ietf-interfaces"), 2u);
+    EXPECT_EQ(fake->count("-m ietf-interfaces"), 3u);
 
     fake->on("-m other", fake_executor::reply{0, "not json"});
     EXPECT_EQ(error_of([&] { handler->datastore().cached_oper("other"); }),

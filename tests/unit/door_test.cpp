@@ -1,6 +1,7 @@
 #include "door.hpp"
 
 #include <csignal>
+#include <thread>
 
 #include "handler_fixture.hpp"
 #include "metric_sample.hpp"

@@ -12,7 +12,6 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -170,27 +169,6 @@ inline std::string data_file(const std::string& name) {
     return text.str();
 }
 
-// Waits until `condition` holds, at most `limit`.
-inline bool eventually(const std::function<bool()>& condition,
-                       std::chrono::milliseconds limit = 5s) {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
-
-// Threads of this process. Tests of detached threads wait until the count is back to where it
-// was, so that no such thread is still logging when the program exits.
-inline int thread_count() {
-    std::ifstream status("/proc/self/status");
-    std::string key;
-    while (status >> key)
-        if (key == "Threads:" && status >> key) return std::stoi(key);
-    return -1;
-}
-
 // A node's current value as compact JSON, "error <code> <message>", or "missing".
 inline std::string read_node(dh_db& db, const std::string& path) {
     auto node = db.find_leaf_node(path);
@@ -209,8 +187,10 @@ class handler_test : public testing::Test {
     temp_root root;
     std::shared_ptr<fake_executor> fake = std::make_shared<fake_executor>();
     dh_db db;
+    // Time moves only when a test advances it; scheduled work runs on the test's thread.
+    dh::manual_scheduler sched;
     std::unique_ptr<sysrepo_device_handler> handler =
-        std::make_unique<sysrepo_device_handler>(db, fake, root.path());
+        std::make_unique<sysrepo_device_handler>(db, fake, sched, root.path());
 
     // data/running.json, a running configuration as the device holds it, with `edits` (JSON
     // pointer, JSON text) applied.

@@ -13,8 +13,7 @@
 #include "msg_log.hpp"
 
 // Collects the log records written while it lives. One sink stays installed for the whole test
-// program and is never destroyed: threads that outlive a test (detached reboot and factory
-// threads) may still be writing to it when the program exits.
+// program and is never destroyed.
 class log_capture {
   public:
     struct record {

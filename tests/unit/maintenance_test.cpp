@@ -9,8 +9,8 @@
 #include "maintenance.hpp"
 #include "maintenance_script.hpp"
 
-// The maintenance unit on its own: its delayed work is recorded instead of scheduled, and its
-// waits for the keeping store return at once, so nothing here sleeps.
+// The maintenance unit on its own, on a manual scheduler: delayed work and the waits for the
+// keeping store move the test's clock, so nothing here sleeps.
 
 namespace {
 
@@ -20,13 +20,8 @@ class Maintenance : public testing::Test {
     std::shared_ptr<fake_executor> fake = std::make_shared<fake_executor>();
     host::door door{fake, root.path()};
     datastore_service ds{door};
-    std::vector<std::pair<std::chrono::milliseconds, std::function<void()>>> later;
-    int pauses = 0;
-    maintenance_unit unit{door, ds,
-                          [this](std::chrono::milliseconds d, std::function<void()> job) {
-                              later.emplace_back(d, std::move(job));
-                          },
-                          [this](std::chrono::milliseconds) { ++pauses; }};
+    dh::manual_scheduler sched;
+    maintenance_unit unit{door, ds, sched};
     log_capture logs;
 
     // The store answers as a healthy one does.
@@ -70,18 +65,17 @@ TEST_F(Maintenance, FactoryDefaultLevelsAnswerFirstAndWipeLater) {
              {true, 0}, {false, 1}, {true, 2}, {false, 4}, {true, 4}}) {
         SCOPED_TRACE(std::to_string(level) + (reboot ? " reboot" : ""));
         fake->clear();
-        later.clear();
         canaries();
         healthy_store();  // a wipe took the store's files
         EXPECT_TRUE(unit.restore_factory_defaults(reboot, level));
-        // Answered: the factory configuration is in startup, nothing is wiped yet.
+        // Answered: the factory configuration is in startup, nothing is wiped for a second.
         EXPECT_EQ(fake->count(import_startup), level > 1 ? 1u : 0u);
-        EXPECT_TRUE(canaries_kept());
-        ASSERT_EQ(later.size(), 1u);
-        EXPECT_EQ(later[0].first, std::chrono::seconds(1));
-
         fake->clear();
-        later[0].second();
+        sched.advance(999ms);
+        EXPECT_TRUE(fake->calls().empty());
+        EXPECT_TRUE(canaries_kept());
+
+        sched.advance(1ms);
         const texts ran = fake->commands();
         if (level <= 1) {
             texts expected{ns + "/sbin/factory -r -y"};
@@ -104,20 +98,24 @@ TEST_F(Maintenance, FactoryDefaultLevelsAnswerFirstAndWipeLater) {
 }
 
 TEST_F(Maintenance, Level4RefusesAndWipesNothingWhenTheKeysCannotBeKept) {
+    dh::clock::duration waited{};
     const auto refused = [&](const std::string& text) {
         fake->clear();
-        later.clear();
         canaries();
+        const auto began = sched.time().now();
         EXPECT_EQ(error_of([&] { unit.restore_factory_defaults(true, 4); }),
                   "-5 Failed to keep the configuration store keys: " + text);
+        waited = sched.time().now() - began;
+        const auto commands = fake->calls().size();
+        sched.advance(1min);  // nothing was left to run later
+        EXPECT_EQ(fake->calls().size(), commands);
         EXPECT_EQ(fake->count("--import"), 0u);
-        EXPECT_TRUE(later.empty());
         EXPECT_TRUE(canaries_kept());
     };
-    // The keeping instance never answers: it is asked, with pauses between, then given up.
+    // The keeping instance never answers: it is asked every 50 ms for 5 s, then given up.
     refused("the keeping store did not start.");
     EXPECT_EQ(fake->count("50003 PING"), 100u);
-    EXPECT_EQ(pauses, 99);
+    EXPECT_EQ(waited, 99 * 50ms);
 
     healthy_store();
     fake->on("migrate", fake_executor::reply{0, "IOERR error or timeout writing to target\n"});
@@ -126,6 +124,7 @@ TEST_F(Maintenance, Level4RefusesAndWipesNothingWhenTheKeysCannotBeKept) {
     healthy_store();
     fake->on("INFO persistence", fake_executor::reply{0, "aof_rewrite_in_progress:1\r\n"});
     refused("the rewrite did not end.");
+    EXPECT_EQ(waited, 199 * 50ms);
 
     healthy_store();
     root.write("/var/persistent/etc/sw_storage/redis/keep.aof",
@@ -151,14 +150,23 @@ TEST_F(Maintenance, Level4RefusesAndWipesNothingWhenTheKeysCannotBeKept) {
 
 TEST_F(Maintenance, RebootRunsHalfASecondLaterAndLogsAFailure) {
     EXPECT_TRUE(unit.run_reboot_command(true));
+    sched.advance(499ms);
     EXPECT_TRUE(fake->calls().empty());
-    ASSERT_EQ(later.size(), 1u);
-    EXPECT_EQ(later[0].first, std::chrono::milliseconds(500));
     fake->on("reboot", fake_executor::reply{256, ""});
-    later[0].second();
+    sched.advance(1ms);
     EXPECT_EQ(fake->commands(), texts{ns + "reboot"});
     EXPECT_EQ(logs.where("Failed to reboot the device, error: Failed to call: " + ns + "reboot"),
               texts{"3 run_reboot_command"});
+
+    // A unit that goes takes its delayed work with it.
+    fake->clear();
+    {
+        maintenance_unit gone{door, ds, sched};
+        gone.run_reboot_command(true);
+        gone.restore_factory_defaults(true, 0);
+    }
+    sched.advance(1min);
+    EXPECT_TRUE(fake->calls().empty());
 }
 
 TEST_F(Maintenance, TechlogRefusesBadDocumentsBeforeRunning) {

@@ -11,7 +11,6 @@
 
 using namespace dh::api;
 using server_test::parse;
-using server_test::wait_until;
 using namespace std::chrono_literals;
 
 enum class family : int { ipv4 = 0, ipv6 = 1 };
@@ -410,14 +409,16 @@ TEST_F(DhApi, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors) {
     EXPECT_EQ(logs.find("Object has been removed").size(), 1u);
 }
 
-TEST_F(DhApi, PolledValueRunsOnItsGroupsWorker) {
-    value_group group(10, 0, 1);
+TEST_F(DhApi, PolledValuePollsThroughItsGroup) {
+    dh::manual_scheduler sched;
+    value_group group(sched, 10, 0);
     auto node = polled_margin::create(db, "data/temperatureMargin", handler,
                                       hysteresis_filter<double>::make_default(1.0, 0.5, 1), 2);
     subscribe(*node, alice);
     handler->margin = 3.0;
     group.add_value(node, 1);
-    ASSERT_TRUE(wait_until([&] { return alice->values() == strings{"3.0"}; }));
+    sched.run_pending();
+    EXPECT_EQ(alice->values(), strings{"3.0"});
     EXPECT_EQ(
         info(*node),
         R"js({"path":"data/temperatureMargin","description":"polled value (read,subscribe)",)js"
@@ -444,67 +445,67 @@ struct ticking_node : dh_db_leaf_node {
 TEST(DhApiValueGroup, TicksMonitoredMembersAndSurvivesTheirFailures) {
     dh_db db;
     log_capture logs;
+    dh::manual_scheduler sched;
     auto monitored = std::make_shared<ticking_node>(db, strings{"a"});
     auto broken = std::make_shared<ticking_node>(db, strings{"b"});
     auto plain = std::make_shared<ticking_node>(db, strings{"c"});
     broken->fail = true;
-    value_group group(5, 0, 0);
+    value_group group(sched, 5, 0);
     group.add_value(monitored, 1);
     group.add_value(broken, 1);
     group.add_value(plain, 0);
     EXPECT_EQ(group.size(), 3u);
 
-    ASSERT_TRUE(wait_until([&] { return monitored->ticks >= 5 && broken->ticks >= 5; }));
+    sched.advance(20ms);  // phase 0: the first tick at once, then every 5 ms
+    EXPECT_EQ(monitored->ticks, 5u);
+    EXPECT_EQ(broken->ticks, 5u);
     EXPECT_EQ(plain->ticks, 0u);
     EXPECT_EQ(logs.find("Periodic task of b failed: broken sensor").size(), 1u);
 
     broken.reset();
     EXPECT_EQ(group.size(), 2u);
-    const unsigned seen = monitored->ticks;
-    ASSERT_TRUE(wait_until([&] { return monitored->ticks >= seen + 3; }));
+    sched.advance(15ms);
+    EXPECT_EQ(monitored->ticks, 8u);
 }
 
-TEST(DhApiValueGroup, StopsPromptlyAndRunsPostedJobsOnItsWorkers) {
+TEST(DhApiValueGroup, PhaseDelaysTheFirstTickAndDestructionEndsTicksAndJobs) {
     dh_db db;
+    dh::manual_scheduler sched;
     auto node = std::make_shared<ticking_node>(db, strings{"a"});
-    const auto start = std::chrono::steady_clock::now();
+    bool ran = false;
     {
-        value_group group(60'000, 0, 2);
+        value_group group(sched, 5, 200);
         group.add_value(node, 1);
-        ASSERT_TRUE(wait_until([&] { return node->ticks == 1; }));  // phase 0: first tick now
+        sched.advance(199ms);
+        EXPECT_EQ(node->ticks, 0u);
+        sched.advance(1ms);
+        EXPECT_EQ(node->ticks, 1u);
 
-        std::atomic<bool> ran{false};
-        std::thread::id where;
-        group.post([&] {
-            where = std::this_thread::get_id();
-            ran = true;
-        });
         group.post([] { throw std::runtime_error("ignored"); });
-        ASSERT_TRUE(wait_until([&] { return ran.load(); }));
-        EXPECT_NE(where, std::this_thread::get_id());
+        group.post([&] { ran = true; });
+        sched.run_pending();
+        EXPECT_TRUE(ran);
+        group.post([&] { ran = false; });  // still waiting when the group goes
     }
-    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+    sched.advance(1s);
     EXPECT_EQ(node->ticks, 1u);
-
-    // The first tick of a group with a phase waits for it.
-    value_group phased(5, 200, 0);
-    const auto added = std::chrono::steady_clock::now();
-    phased.add_value(node, 1);
-    ASSERT_TRUE(wait_until([&] { return node->ticks >= 2; }));
-    EXPECT_GE(std::chrono::steady_clock::now() - added, 190ms);
+    EXPECT_TRUE(ran);
 }
 
-// The owner of a group may be released by a job running on the group's own worker.
-TEST(DhApiValueGroup, OwnerReleasedFromItsWorker) {
+// The owner of a group may be released by a job the group posted.
+TEST(DhApiValueGroup, OwnerReleasedFromItsJob) {
+    dh::manual_scheduler sched;
     struct owner {
-        value_group group{5, 0, 1};
+        explicit owner(dh::scheduler& s) : group(s, 5, 0) {}
+        value_group group;
     };
-    auto o = std::make_shared<owner>();
-    std::atomic<bool> done{false};
+    auto o = std::make_shared<owner>(sched);
+    bool done = false;
     owner* raw = o.get();
     raw->group.post([keep = std::move(o), &done]() mutable {
         keep.reset();
         done = true;
     });
-    ASSERT_TRUE(wait_until([&] { return done.load(); }));
+    sched.run_pending();
+    EXPECT_TRUE(done);
 }

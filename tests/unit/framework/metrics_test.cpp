@@ -16,6 +16,13 @@
 #include "dh_api/dh_api.hpp"
 #include "dh_db.hpp"
 
+// A unit whose reads would run a host command: the scrape must never call it. (Outside the
+// anonymous namespace: node types name its method.)
+struct probe_unit {
+    std::atomic<int> calls{0};
+    bool present() { return ++calls > 0; }
+};
+
 namespace {
 
 using pushed_double =
@@ -38,12 +45,6 @@ std::string http_get(int port, const std::string& target) {
     boost::asio::read(socket, boost::asio::dynamic_buffer(response), ec);
     return response;
 }
-
-// A unit whose reads would run a host command: the scrape must never call it.
-struct probe_unit {
-    std::atomic<int> calls{0};
-    bool present() { return ++calls > 0; }
-};
 
 }  // namespace
 

@@ -1,0 +1,155 @@
+// The scheduler: order and phase of timed work on a manual clock, cancellation, and the threaded
+// scheduler's cancel and stop, which wait for a run in progress.
+
+#include <atomic>
+#include <functional>
+#include <future>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "../log_capture.hpp"
+#include "scheduler.hpp"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+class ManualScheduler : public testing::Test {
+  protected:
+    dh::manual_scheduler sched;
+    const dh::clock::time_point start = sched.time().now();
+    strings ran;
+
+    // A task that records its name and the time it ran, in ms since the test began.
+    std::function<void()> note(const std::string& name) {
+        return [this, name] {
+            const auto at =
+                std::chrono::duration_cast<std::chrono::milliseconds>(sched.time().now() - start);
+            ran.push_back(name + "@" + std::to_string(at.count()));
+        };
+    }
+};
+
+TEST_F(ManualScheduler, RunsWorkInTimeOrderAtItsOwnTime) {
+    sched.after(30ms, note("a"), dh::scheduler::on::pool);
+    sched.after(10ms, note("b"));
+    sched.after(10ms, note("c"));
+    sched.every(20ms, 5ms, note("p"), dh::scheduler::on::pool);
+    sched.post(note("posted"));
+    EXPECT_TRUE(ran.empty());  // nothing runs until time moves or pending work is run
+
+    sched.advance(50ms);
+    EXPECT_EQ(ran, (strings{"posted@0", "p@5", "b@10", "c@10", "p@25", "a@30", "p@45"}));
+    EXPECT_EQ(sched.time().now() - start, 50ms);
+
+    ran.clear();
+    sched.every(100ms, 0ms, note("now"));
+    sched.run_pending();
+    EXPECT_EQ(ran, strings{"now@50"});
+}
+
+TEST_F(ManualScheduler, CancelledWorkNeverRuns) {
+    const auto once = sched.after(10ms, note("once"));
+    const auto periodic = sched.every(10ms, 10ms, note("periodic"));
+    dh::scheduler::task_id self = 0;
+    self = sched.every(10ms, 0ms, [&] {
+        note("self")();
+        sched.cancel(self);
+    });
+    sched.cancel(once);
+    sched.advance(25ms);
+    sched.cancel(periodic);
+    sched.cancel(periodic);  // twice, and an unknown id, are no-ops
+    sched.cancel(12345);
+    sched.advance(1s);
+    EXPECT_EQ(ran, (strings{"self@0", "periodic@10", "periodic@20"}));
+}
+
+TEST_F(ManualScheduler, ALateRunDoesNotMakeUpForMissedPeriods) {
+    bool slow = true;
+    sched.every(10ms, 0ms, [&] {
+        note("tick")();
+        if (std::exchange(slow, false)) sched.sleep_for(35ms);  // the first run overruns
+    });
+    sched.advance(60ms);
+    EXPECT_EQ(ran, (strings{"tick@0", "tick@45", "tick@55"}));
+}
+
+TEST_F(ManualScheduler, AFailingTaskIsLoggedAndRunsAgain) {
+    log_capture logs;
+    int runs = 0;
+    sched.every(10ms, 0ms, [&] {
+        ++runs;
+        throw std::runtime_error("broken");
+    });
+    sched.advance(20ms);
+    EXPECT_EQ(runs, 3);
+    EXPECT_EQ(logs.where("Scheduled task failed: broken").size(), 3u);
+}
+
+// A pool task that stays running until released.
+struct held_task {
+    std::promise<void> started, release;
+    std::shared_future<void> released = release.get_future().share();
+    std::atomic<bool> finished{false};
+    std::function<void()> fn() {
+        return [this] {
+            started.set_value();
+            released.wait();
+            finished = true;
+        };
+    }
+};
+
+TEST(ThreadedScheduler, CancelWaitsForARunInProgress) {
+    dh::scheduler sched(dh::system_clock(), 2);
+    held_task held;
+    const auto id = sched.every(1h, 0ms, held.fn(), dh::scheduler::on::pool);
+    held.started.get_future().wait();
+
+    std::atomic<bool> cancelled{false};
+    std::thread canceller([&] {
+        sched.cancel(id);
+        cancelled = true;
+        EXPECT_TRUE(held.finished);
+    });
+    // Give the canceller time to reach the wait; it must not return while the task runs.
+    std::this_thread::sleep_for(50ms);
+    EXPECT_FALSE(cancelled);
+    held.release.set_value();
+    canceller.join();
+
+    // Work posted meanwhile runs on a worker thread.
+    std::promise<std::thread::id> where;
+    sched.post([&] { where.set_value(std::this_thread::get_id()); });
+    EXPECT_NE(where.get_future().get(), std::this_thread::get_id());
+}
+
+TEST(ThreadedScheduler, StopEndsWhatRunsDropsTheRestAndJoins) {
+    held_task held;
+    std::atomic<bool> later_ran{false};
+    auto sched = std::make_unique<dh::scheduler>(dh::system_clock(), 1);
+    sched->post(held.fn());
+    sched->post([&] { later_ran = true; });  // queued behind the held task: dropped
+    sched->after(1h, [&] { later_ran = true; });
+    held.started.get_future().wait();
+
+    std::thread stopper([&] {
+        sched->stop();
+        EXPECT_TRUE(held.finished);
+    });
+    // Once stopping, the scheduler takes no more work (id 0); only then is the held task let go.
+    while (sched->post([] {}) != 0) std::this_thread::yield();
+    held.release.set_value();
+    stopper.join();
+    sched.reset();
+    EXPECT_FALSE(later_ran);
+}
+
+}  // namespace
