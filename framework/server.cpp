@@ -40,6 +40,7 @@
 #include "dh_db.hpp"
 #include "dh_node.hpp"
 #include "dh_session.hpp"
+#include "metrics.hpp"
 #include "msg_log.hpp"
 
 namespace {
@@ -85,6 +86,13 @@ using string_buffer = rapidjson::StringBuffer;
 using json_writer = rapidjson::Writer<string_buffer>;
 
 enum class method_id { get, set, run, subscribe, unsubscribe, info, list, history, unknown };
+
+void count_request(method_id m, bool ok, std::chrono::steady_clock::time_point received) {
+    constexpr const char* names[] = {"get",  "set",  "run",     "subscribe", "unsubscribe",
+                                     "info", "list", "history", "unknown"};
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - received;
+    metrics::request(names[static_cast<int>(m)], ok ? "ok" : "error", took.count());
+}
 
 method_id parse_method(std::string_view m) {
     if (m == "get") return method_id::get;
@@ -269,6 +277,7 @@ struct async_job {
     dh::Document args{rapidjson::kObjectType};  // "id" and "value", where the request has them
     bool answer = true;
     reply_target target;
+    std::chrono::steady_clock::time_point received;
 };
 
 // The request envelope after its checks.
@@ -303,6 +312,8 @@ class connection final : public dh_session {
     void submit(std::unique_ptr<async_job> job);
     bool has_pending_jobs(const dh_db_leaf_node* node);
     std::unique_ptr<async_job> next_job(const dh_db_leaf_node* node);
+    // The listener it came through, as the metrics name it.
+    const char* listener = "unix";
     void job_finished();
 
     std::shared_ptr<connection> self() {
@@ -426,6 +437,8 @@ class server_core {
     rapidjson::Reader reader_;
     alignas(16) char parse_buffer_[32 * 1024];
     dh::Allocator parse_pool_;
+    // Arrival of the line being handled.
+    std::chrono::steady_clock::time_point received_;
     string_buffer sb_;
     json_writer writer_;
     const dh::Value null_value_{};
@@ -559,6 +572,7 @@ void connection::deliver(std::shared_ptr<const std::string> line) {
 
 void connection::overflowed() {
     if (io_closed_) return;
+    metrics::slow_subscriber_cut();
     MSG_LOG(4, "server") << "Closing connection " << id() << ": more than " << core_.opts.max_queued
                          << " bytes wait to be sent" << msg_log::getCodeTrace(__FILE__, __LINE__);
     close();
@@ -635,6 +649,7 @@ void connection::close() {
     if (io_closed_) return;
     auto keep = self();
     io_closed_ = true;
+    metrics::connection_closed(listener);
     {
         std::lock_guard lock(inbox_mutex_);
         dead_ = true;
@@ -997,6 +1012,8 @@ void server_core::accepted(generic_socket peer, bool is_tcp) {
         ::setsockopt(peer.native_handle(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
     }
     auto c = std::make_shared<connection>(*this, std::move(peer));
+    c->listener = is_tcp ? "tcp" : "unix";
+    metrics::connection_opened(c->listener);
     sessions_.emplace(c->id(), c);
     connection_count_.store(sessions_.size());
     MSG_LOG(7, "server") << "Connection " << c->id() << " opened"
@@ -1028,6 +1045,7 @@ void server_core::end_subscriptions_later(std::shared_ptr<connection> c) {
 
 void server_core::handle_line(connection& c, char* line, std::size_t len) {
     if (is_blank(line, len)) return;
+    received_ = std::chrono::steady_clock::now();
     parse_pool_.Clear();
     request_document doc(&parse_pool_, 1024, &parse_pool_);
     rapidjson::StringStream in(line);
@@ -1157,6 +1175,7 @@ void server_core::submit(connection& c, const request& r, const reply_target& t,
     job->method = r.method;
     job->path.assign(path);
     job->answer = r.answer;
+    job->received = received_;
     auto& a = job->args.GetAllocator();
     if (r.id) job->args.AddMember("id", dh::Value(*r.id, a), a);
     if (value) job->args.AddMember("value", dh::Value(*value, a), a);
@@ -1179,6 +1198,7 @@ void server_core::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<
     } catch (...) {
         error = error_from_current_exception();
     }
+    count_request(job->method, !error, job->received);
     std::string text;
     if (job->answer) {
         string_buffer sb;
@@ -1202,6 +1222,7 @@ void server_core::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<
 
 void server_core::reply(connection& c, const reply_target& t, const request& r,
                         const dh::Value& result) {
+    count_request(r.method, true, received_);
     if (!r.answer) return;
     write_result(sb_, writer_, r.id, result);
     deliver_reply(c, t);
@@ -1209,6 +1230,7 @@ void server_core::reply(connection& c, const reply_target& t, const request& r,
 
 void server_core::reply_error(connection& c, const reply_target& t, const request& r,
                               const rpc_error& e) {
+    count_request(r.method, false, received_);
     if (!r.answer) return;
     write_error(sb_, writer_, r.id, e);
     deliver_reply(c, t);
