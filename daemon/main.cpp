@@ -11,6 +11,8 @@
 #include <boost/program_options.hpp>
 
 #include "device_handler_api.hpp"
+#include "metrics.hpp"
+#include "metrics_map.hpp"
 #include "msg_log.hpp"
 #include "sysrepo_device_handler.hpp"
 
@@ -42,6 +44,7 @@ int main(int argc, char* argv[]) {
     dh::server::tls_options tls;
     std::string plain_tcp = "on";
     std::string roles_file;
+    std::string metrics_listen;
     po::options_description desc("Available options",
                                  po::options_description::m_default_line_length,
                                  po::options_description::m_default_line_length / 2);
@@ -60,7 +63,10 @@ int main(int argc, char* argv[]) {
         "CA that client certificates must be signed by (PEM)")(
         "plain-tcp", po::value<std::string>(&plain_tcp)->default_value(plain_tcp),
         "on|off: the unauthenticated TCP port and IPv6 socket")(
-        "roles", po::value<std::string>(&roles_file), "role file (JSON): who may do what");
+        "roles", po::value<std::string>(&roles_file), "role file (JSON): who may do what")(
+        "metrics-listen", po::value<std::string>(&metrics_listen),
+        "serve Prometheus metrics over HTTP at ADDRESS:PORT/metrics (IPv6 address in brackets; "
+        "off by default)");
 
     po::variables_map vm;
     try {
@@ -74,7 +80,8 @@ int main(int argc, char* argv[]) {
     const bool all_tls = vm.count("tls-cert") && vm.count("tls-key") && vm.count("tls-client-ca");
     if (vm.count("help") || (plain_tcp != "on" && plain_tcp != "off") || any_tls != all_tls ||
         (vm.count("tls-port") && !vm["tls-port"].defaulted() && !all_tls) || tls.port == 0 ||
-        tls.port > 65535) {
+        tls.port > 65535 ||
+        (vm.count("metrics-listen") && !metrics::is_listen_address(metrics_listen))) {
         std::cout << desc << "\n";
         return 1;
     }
@@ -117,12 +124,24 @@ int main(int argc, char* argv[]) {
     auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor(), sched);
     MSG_LOG(6, "init") << "Device handler initialized for sysrepo. Listening on port " << port
                        << "." << msg_log::getCodeTrace("sysrepo_device_handler", 3309);
+    // Opened before start-up, so that a taken port ends the daemon before it changes anything.
+    std::unique_ptr<metrics::endpoint> metrics_endpoint;
+    if (!metrics_listen.empty()) {
+        metrics_endpoint = std::make_unique<metrics::endpoint>(
+            metrics_listen, std::vector<std::shared_ptr<prometheus::Collectable>>{
+                                metrics::registry(), std::make_shared<metrics::gauge_collector>(
+                                                         device_gauges(api.db, *handler))});
+        MSG_LOG(6, "init") << "Serving metrics at http://" << metrics_listen << "/metrics."
+                           << msg_log::getCodeTrace(__FILE__, __LINE__);
+    }
     handler->start();
     api.start_ipv6_socket("br1");
     api.start();
 
     signal_io.stop();
     signal_thread.join();
+    // Its gauges read the handler.
+    metrics_endpoint.reset();
     handler.reset();
     return 0;
 }

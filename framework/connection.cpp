@@ -8,6 +8,7 @@
 #include <boost/asio/ssl/error.hpp>
 #include <boost/asio/write.hpp>
 
+#include "metrics.hpp"
 #include "msg_log.hpp"
 
 namespace dh::server::detail {
@@ -181,6 +182,7 @@ void connection::deliver(std::shared_ptr<const std::string> line) {
 
 void connection::overflowed() {
     if (io_closed_) return;
+    metrics::slow_subscriber_cut();
     MSG_LOG(4, "server") << "Closing connection " << id() << ": more than " << limits_.max_queued
                          << " bytes wait to be sent" << msg_log::getCodeTrace(__FILE__, __LINE__);
     close();
@@ -287,6 +289,7 @@ void connection::close() {
     if (io_closed_) return;
     auto keep = self();
     io_closed_ = true;
+    metrics::connection_closed(client().listener_name());
     idle_timer_.cancel();
     {
         std::lock_guard lock(inbox_mutex_);

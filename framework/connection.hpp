@@ -40,6 +40,10 @@ struct client_identity {
     role granted = role::admin;
 
     bool is_local() const { return via == transport::unix_socket; }
+    // The listener it came through, as the metrics name it.
+    const char* listener_name() const {
+        return via == transport::unix_socket ? "unix" : via == transport::tcp ? "tcp" : "tls";
+    }
     // How logs and the history name the client: "uid 1000", "192.0.2.7", "CN=noc,O=Example".
     std::string who() const;
 };

@@ -7,6 +7,7 @@
 
 #include "dh_db.hpp"
 #include "dh_session.hpp"
+#include "metrics.hpp"
 
 dh_db_leaf_node::dh_db_leaf_node(dh_db& db, std::vector<std::string> path)
     : db_(db), path_(std::move(path)) {}
@@ -142,6 +143,7 @@ void dh_db_event_node::send_event_impl(dh::Document&& event) {
             if (auto s = w.lock()) targets.push_back(std::move(s));
     }
     for (const auto& s : targets) s->deliver(line);
+    metrics::events_sent(targets.size());
 }
 
 void dh_db_event_node::send_event_to_session_impl(const std::shared_ptr<dh_session>& session,
@@ -152,6 +154,7 @@ void dh_db_event_node::send_event_to_session_impl(const std::shared_ptr<dh_sessi
         remember(event);
     }
     session->deliver(line);
+    metrics::events_sent();
 }
 
 void dh_db_event_node::remember(const dh::Document& event) {

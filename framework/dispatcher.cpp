@@ -5,6 +5,7 @@
 
 #include "dh_error.hpp"
 #include "dh_node.hpp"
+#include "metrics.hpp"
 #include "msg_log.hpp"
 
 namespace dh::server::detail {
@@ -41,6 +42,11 @@ const char* method_name(method_id m) {
             break;
     }
     return "unknown";
+}
+
+void count_request(method_id m, bool ok, std::chrono::steady_clock::time_point received) {
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - received;
+    metrics::request(method_name(m), ok ? "ok" : "error", took.count());
 }
 
 bool changes_device(method_id m) {
@@ -119,6 +125,7 @@ void dispatcher::check_permission(const connection& c, method_id m, std::string_
 }
 
 void dispatcher::handle_line(connection& c, const char* line, std::size_t len) {
+    received_ = std::chrono::steady_clock::now();
     switch (parser_.parse(line, len)) {
         case codec::line_parser::outcome::blank:
             return;
@@ -256,6 +263,7 @@ void dispatcher::submit(connection& c, const request& r, const reply_target& t,
     job->method = r.method;
     job->path.assign(path);
     job->answer = r.answer;
+    job->received = received_;
     auto& a = job->args.GetAllocator();
     if (r.id) job->args.AddMember("id", dh::Value(*r.id, a), a);
     if (value) job->args.AddMember("value", dh::Value(*value, a), a);
@@ -279,6 +287,7 @@ void dispatcher::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<a
         error = codec::error_from_current_exception();
     }
     if (changes_device(job->method)) audit(*c, job->method, job->path, error ? &*error : nullptr);
+    count_request(job->method, !error, job->received);
     std::string text;
     if (job->answer) {
         codec::string_buffer sb;
@@ -302,6 +311,7 @@ void dispatcher::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<a
 
 void dispatcher::reply(connection& c, const reply_target& t, const request& r,
                        const dh::Value& result) {
+    count_request(r.method, true, received_);
     if (!r.answer) return;
     codec::write_result(sb_, writer_, r.id, result);
     deliver_reply(c, t);
@@ -309,6 +319,7 @@ void dispatcher::reply(connection& c, const reply_target& t, const request& r,
 
 void dispatcher::reply_error(connection& c, const reply_target& t, const request& r,
                              const rpc_error& e) {
+    count_request(r.method, false, received_);
     if (!r.answer) return;
     codec::write_error(sb_, writer_, r.id, e);
     deliver_reply(c, t);

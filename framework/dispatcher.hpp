@@ -46,6 +46,8 @@ class dispatcher {
     const job_poster post_;
     // Serving thread only: the parser and writer state reused for every line.
     codec::line_parser parser_;
+    // Arrival of the line being handled on the serving thread.
+    std::chrono::steady_clock::time_point received_;
     codec::string_buffer sb_;
     codec::json_writer writer_;
     const dh::Value null_value_{};

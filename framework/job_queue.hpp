@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <deque>
 #include <functional>
@@ -48,6 +49,8 @@ struct async_job {
     dh::Document args{rapidjson::kObjectType};  // "id" and "value", where the request has them
     bool answer = true;
     reply_target target;
+    // Arrival of the request, for the latency the metrics count.
+    std::chrono::steady_clock::time_point received;
 };
 
 // The jobs of one connection per node: while one runs, later ones on the same node wait behind

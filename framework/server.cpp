@@ -16,6 +16,7 @@
 #include "dispatcher.hpp"
 #include "job_queue.hpp"
 #include "listeners.hpp"
+#include "metrics.hpp"
 #include "msg_log.hpp"
 
 namespace dh::server::detail {
@@ -206,6 +207,7 @@ void server_core::accepted_tls(std::shared_ptr<tls_stream> stream, client_identi
 void server_core::start(std::shared_ptr<connection> c) {
     sessions_.emplace(c->id(), c);
     connection_count_.store(sessions_.size());
+    metrics::connection_opened(c->client().listener_name());
     MSG_LOG(7, "server") << "Connection " << c->id() << " opened for " << c->client().who() << " ("
                          << role_name(c->client().granted) << ")"
                          << msg_log::getCodeTrace(__FILE__, __LINE__);

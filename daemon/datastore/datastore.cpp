@@ -3,6 +3,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "metrics.hpp"
 #include "msg_log.hpp"
 #include "raise.hpp"
 
@@ -73,7 +74,9 @@ void datastore_service::import(const std::string& json, const char* ds) const {
     try {
         door_.call_status_coded({"sysrepocfg", "--import", "-f", "json", "-d", ds, "-t", "30"},
                                 host::in_host().feeding(json));
+        metrics::datastore_import(ds, true);
     } catch (...) {
+        metrics::datastore_import(ds, false);
         MSG_LOG(3, "import_module")
             << "Failed when trying to set: " << json << msg_log::getCodeTrace(__FILE__, __LINE__);
         throw;

@@ -258,7 +258,13 @@ Document ntp_unit::get_ntp_status() {
     out.AddMember("primary", dh::Value(primary_text, allocator), allocator);
     out.AddMember("secondary", dh::Value(secondary_text, allocator), allocator);
     out.AddMember("overall", report.overall, allocator);
+    last_overall_ = report.overall;
     return out;
+}
+
+std::optional<int> ntp_unit::last_overall() const {
+    const int overall = last_overall_.load();
+    return overall < 0 ? std::nullopt : std::optional<int>(overall);
 }
 
 void ntp_unit::restart_ntpd() {

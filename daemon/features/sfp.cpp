@@ -247,6 +247,34 @@ double sfp_plus_data_reader::parse_double_from_property(const std::string& prope
     return ethtool::parse_number(parse_string_from_property(property, port), unit);
 }
 
+std::optional<double> sfp_plus_data_reader::last_reading(std::string_view port,
+                                                         const std::string& property,
+                                                         std::string_view unit) const {
+    const auto flag = state_->presence.find(std::string(port));
+    if (flag == state_->presence.end() || !flag->second.load()) return std::nullopt;
+    std::string text;
+    {
+        std::shared_lock lock(state_->cache_mutex);
+        const auto cached = state_->cache.find(std::string(port));
+        if (cached == state_->cache.end()) return std::nullopt;
+        const auto found = cached->second.props.find(property);
+        if (found == cached->second.props.end()) return std::nullopt;
+        text = found->second;
+    }
+    try {
+        // "0.5000 mW / -3.01 dBm" and "45.00 degrees C / 113.00 degrees F" name two units;
+        // "3.3010 V" and "35.120 mA" one.
+        if (text.find('/') != std::string::npos) return ethtool::parse_number(text, unit);
+        if (!text.ends_with(fmt::format(" {}", unit))) return std::nullopt;
+        std::size_t used = 0;
+        const double value = std::stod(text, &used);
+        if (used != text.size() - unit.size() - 1) return std::nullopt;
+        return value;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
 bool sfp_plus_data_reader::update_present(std::string_view port) {
     bool now_present = true;
     try {

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -36,6 +37,11 @@ class sfp_plus_data_reader : public std::enable_shared_from_this<sfp_plus_data_r
     void poll();
     // The device's temperature margin: that of its warmest module.
     double get_master_margin();
+    // A number of the module data last read from `port` ("Module voltage" in "V"), taken from
+    // the cache however old it is, without running ethtool; nothing while the port holds no
+    // module or when the property is missing or unreadable.
+    std::optional<double> last_reading(std::string_view port, const std::string& property,
+                                       std::string_view unit) const;
 
   private:
     struct state;

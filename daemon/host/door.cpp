@@ -14,6 +14,7 @@
 #include <thread>
 #include <utility>
 
+#include "metrics.hpp"
 #include "raise.hpp"
 
 extern char** environ;
@@ -312,11 +313,21 @@ door::door(std::shared_ptr<executor> exec, std::filesystem::path root)
     : exec_(std::move(exec)), root_(std::move(root)) {}
 
 result door::run(const argv_t& argv, const options& opts) const {
-    return exec_->run(argv, opts);
+    const auto start = steady::now();
+    result r = exec_->run(argv, opts);
+    const std::chrono::duration<double> took = steady::now() - start;
+    const char* outcome = r.status == -1  ? "not_started"
+                          : r.timed_out   ? "timed_out"
+                          : r.status != 0 ? "failed"
+                                          : "ok";
+    metrics::host_command(
+        argv.empty() ? std::string() : std::filesystem::path(argv.front()).filename().string(),
+        outcome, took.count());
+    return r;
 }
 
 std::string door::call(const argv_t& argv, const options& opts, bool log_failure) const {
-    result r = exec_->run(argv, opts);
+    result r = run(argv, opts);
     if (r.status == 0 && !r.timed_out) return std::move(r.output);
     const std::string message = "Failed to call: " + command_text(argv, opts);
     if (log_failure) dh::raise(-1, message, "exec");
@@ -324,7 +335,7 @@ std::string door::call(const argv_t& argv, const options& opts, bool log_failure
 }
 
 std::string door::call_status_coded(const argv_t& argv, const options& opts) const {
-    result r = exec_->run(argv, opts);
+    result r = run(argv, opts);
     if (r.status == 0 && !r.timed_out) return std::move(r.output);
     if (r.status == -1) dh::raise(-1, "Faild to call: " + command_text(argv, opts), "exec");
     dh::raise(r.timed_out ? SIGKILL : r.status, "Failed to call: " + command_text(argv, opts),

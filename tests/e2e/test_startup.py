@@ -51,7 +51,8 @@ class StartupTest(unittest.TestCase):
         wait_until(lambda: dev.get("data/e1/linkMediaType") == "unknown", timeout=3)
 
         # Bad command lines print the options and exit 1 before starting anything.
-        for args in (["--help"], ["--bogus"], ["--port", "abc"], ["-p"], ["--port", "1", "-p", "2"]):
+        for args in (["--help"], ["--bogus"], ["--port", "abc"], ["-p"], ["--port", "1", "-p", "2"],
+                     ["--metrics-listen", "localhost:9701"]):
             r = dev.exec("/usr/bin/sysrepo-device-handler", *args)
             self.assertEqual((r.returncode, r.stderr, r.stdout.split("\n")[0]), (1, "", "Available options:"), args)
             self.assertIn("-p [ --port ] arg (=9700)", r.stdout)

@@ -1,4 +1,5 @@
 #include "handler_fixture.hpp"
+#include "metric_sample.hpp"
 
 // The datastore service: what a write exports and imports, and that a failed write changes
 // nothing and an acknowledged one is never undone.
@@ -35,6 +36,13 @@ TEST_F(Datastore, AStartupOnlyEditSurvivesLaterWrites) {
 }
 
 TEST_F(Datastore, AFailedWriteChangesNothing) {
+    const auto imported = [](const char* ds, const char* outcome) {
+        return metric_count("dh_datastore_imports_total",
+                            {{"datastore", ds}, {"outcome", outcome}});
+    };
+    const double running_ok = imported("running", "ok"),
+                 running_failed = imported("running", "failed"),
+                 startup_failed = imported("startup", "failed");
     running_is(R"({"a:a":1})");
     // The edit refuses: nothing is imported.
     EXPECT_EQ(error_of([&] {
@@ -56,6 +64,12 @@ TEST_F(Datastore, AFailedWriteChangesNothing) {
     fake->on(import_startup, fake_executor::reply{256, ""});
     EXPECT_THROW(handler->datastore().edit([](Document& d) { add_marker(d, "b:b"); }), dh_error);
     EXPECT_EQ(imports("running"), (texts{R"({"a:a":1,"b:b":true})", R"({"a:a":1})"}));
+
+    // Counted: the refused running import, the refused startup import, then the running import
+    // and its rollback.
+    EXPECT_EQ(imported("running", "failed"), running_failed + 1);
+    EXPECT_EQ(imported("startup", "failed"), startup_failed + 1);
+    EXPECT_EQ(imported("running", "ok"), running_ok + 2);
 }
 
 TEST_F(Datastore, OperationalDocumentsAreCachedOneSecondAndChecked) {

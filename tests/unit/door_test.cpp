@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "handler_fixture.hpp"
+#include "metric_sample.hpp"
 
 // The real executor, with real processes: capture, standard input, the failure rule, timeouts,
 // output files, environment and detached children.
@@ -73,6 +74,28 @@ TEST_F(Door, OutputFilesDetachedChildrenAndTheFilesystemRoot) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, 150ms);
     std::this_thread::sleep_for(300ms);
     door.run({"true"});
+}
+
+TEST_F(Door, EveryCommandIsCountedByToolAndOutcomeWithItsDuration) {
+    const auto count = [](const char* tool, const char* outcome) {
+        return metric_count("dh_host_commands_total", {{"tool", tool}, {"outcome", outcome}});
+    };
+    const double ok = count("true", "ok"), failed = count("false", "failed"),
+                 not_started = count("no-such-tool-here", "not_started"),
+                 timed_out = count("sleep", "timed_out");
+    door.call({"/bin/true"});
+    door.run({"true"});
+    EXPECT_THROW(door.call({"false"}), dh_error);
+    door.run({"no-such-tool-here"});
+    door.run({"sleep", "5"}, host::options{}.limited_to(50ms));
+
+    EXPECT_EQ(count("true", "ok"), ok + 2);
+    EXPECT_EQ(count("false", "failed"), failed + 1);
+    EXPECT_EQ(count("no-such-tool-here", "not_started"), not_started + 1);
+    EXPECT_EQ(count("sleep", "timed_out"), timed_out + 1);
+    const auto sleep = metric_sample("dh_host_command_duration_seconds", {{"tool", "sleep"}});
+    ASSERT_TRUE(sleep);
+    EXPECT_GE(sleep->histogram.sample_sum, 0.05);
 }
 
 TEST(CommandText, QuotesWhatAShellWouldReadAndShowsThePrefixAndEnvironment) {

@@ -118,6 +118,29 @@ TEST_F(Sfp, PowersAndMarginOfPresentModules) {
     EXPECT_FALSE(reader->present("e13"));
 }
 
+TEST_F(Sfp, LastReadingsComeFromWhatTheReaderHoldsWithoutEthtool) {
+    set_module("e13", module_text() +
+                          "\tModule voltage : 3.3010 V\n\tLaser bias current : 35.120 mA\n"
+                          "\tOdd : 12 mAh\n");
+    // Nothing while the reader has not found the module.
+    EXPECT_EQ(reader->last_reading("e13", "Module voltage", "V"), std::nullopt);
+    reader->update_present("e13");
+    const auto runs = fake->calls().size();
+
+    EXPECT_EQ(reader->last_reading("e13", "Module voltage", "V"), 3.301);
+    EXPECT_EQ(reader->last_reading("e13", "Laser bias current", "mA"), 35.12);
+    EXPECT_EQ(reader->last_reading("e13", "Module temperature", "degrees C"), 45.0);
+    for (const auto& [property, unit] : std::map<std::string, std::string>{
+             {"Odd", "mA"}, {"Module voltage", "mV"}, {"Vendor SN", "V"}, {"Nothing", "V"}})
+        EXPECT_EQ(reader->last_reading("e13", property, unit), std::nullopt) << property;
+    EXPECT_EQ(reader->last_reading("e15", "Module voltage", "V"), std::nullopt);
+    EXPECT_EQ(fake->calls().size(), runs);
+
+    set_module("e13", std::nullopt);
+    reader->update_present("e13");
+    EXPECT_EQ(reader->last_reading("e13", "Module voltage", "V"), std::nullopt);
+}
+
 TEST_F(Sfp, NodesFollowInsertionAndRemoval) {
     set_module("e13", module_text());
     reader->init();
