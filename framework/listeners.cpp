@@ -157,44 +157,38 @@ void listeners::open_unix(const std::string& socket_dir) {
     accept_next(unix_acceptor_, false);
 }
 
-void listeners::open_tcp(unsigned port, bool local_only) {
+// Opens, binds and listens on 0.0.0.0:port (127.0.0.1 when local_only); answers the bound port.
+// `kind` names the socket in errors and in the log ("TCP", "TLS").
+static unsigned listen_on(asio::ip::tcp::acceptor& acceptor, unsigned port, bool local_only,
+                          const char* kind) {
     const auto address = local_only ? asio::ip::address(asio::ip::address_v4::loopback())
                                     : asio::ip::address(asio::ip::address_v4::any());
-    const tcp::endpoint endpoint(address, static_cast<unsigned short>(port));
+    const asio::ip::tcp::endpoint endpoint(address, static_cast<unsigned short>(port));
     error_code ec;
-    tcp_acceptor_.open(endpoint.protocol(), ec);
-    check(ec, "Cannot open TCP socket");
-    set_cloexec(tcp_acceptor_.native_handle());
-    tcp_acceptor_.set_option(asio::socket_base::reuse_address(true), ec);
+    acceptor.open(endpoint.protocol(), ec);
+    check(ec, fmt::format("Cannot open {} socket", kind));
+    set_cloexec(acceptor.native_handle());
+    acceptor.set_option(asio::socket_base::reuse_address(true), ec);
     check(ec, "Cannot set SO_REUSEADDR");
-    tcp_acceptor_.bind(endpoint, ec);
-    check(ec, fmt::format("Cannot bind TCP port {}", port));
-    tcp_acceptor_.listen(asio::socket_base::max_listen_connections, ec);
-    check(ec, fmt::format("Cannot listen on TCP port {}", port));
-    tcp_port_ = tcp_acceptor_.local_endpoint().port();
-    MSG_LOG(6, "server") << "Listening on " << address.to_string() << ":" << tcp_port_
+    acceptor.bind(endpoint, ec);
+    check(ec, fmt::format("Cannot bind {} port {}", kind, port));
+    acceptor.listen(asio::socket_base::max_listen_connections, ec);
+    check(ec, fmt::format("Cannot listen on {} port {}", kind, port));
+    const unsigned bound = acceptor.local_endpoint().port();
+    MSG_LOG(6, "server") << "Listening" << (std::string_view(kind) == "TLS" ? " for TLS" : "")
+                         << " on " << address.to_string() << ":" << bound
                          << msg_log::getCodeTrace(__FILE__, __LINE__);
+    return bound;
+}
+
+void listeners::open_tcp(unsigned port, bool local_only) {
+    tcp_port_ = listen_on(tcp_acceptor_, port, local_only, "TCP");
     accept_next(tcp_acceptor_, true);
 }
 
 void listeners::open_tls(unsigned port, bool local_only, asio::ssl::context& context) {
-    const auto address = local_only ? asio::ip::address(asio::ip::address_v4::loopback())
-                                    : asio::ip::address(asio::ip::address_v4::any());
-    const tcp::endpoint endpoint(address, static_cast<unsigned short>(port));
-    error_code ec;
-    tls_acceptor_.open(endpoint.protocol(), ec);
-    check(ec, "Cannot open TLS socket");
-    set_cloexec(tls_acceptor_.native_handle());
-    tls_acceptor_.set_option(asio::socket_base::reuse_address(true), ec);
-    check(ec, "Cannot set SO_REUSEADDR");
-    tls_acceptor_.bind(endpoint, ec);
-    check(ec, fmt::format("Cannot bind TLS port {}", port));
-    tls_acceptor_.listen(asio::socket_base::max_listen_connections, ec);
-    check(ec, fmt::format("Cannot listen on TLS port {}", port));
-    tls_port_ = tls_acceptor_.local_endpoint().port();
+    tls_port_ = listen_on(tls_acceptor_, port, local_only, "TLS");
     tls_context_ = &context;
-    MSG_LOG(6, "server") << "Listening for TLS on " << address.to_string() << ":" << tls_port_
-                         << msg_log::getCodeTrace(__FILE__, __LINE__);
     accept_tls();
 }
 
