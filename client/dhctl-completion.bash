@@ -36,8 +36,8 @@ _dhctl_paths() {
 _dhctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=""
     ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}
-    local commands="get set run watch ls info history help"
-    local options="--socket --host --port --json --timeout --table --help --version"
+    local commands="get set run confirm watch ls info history help"
+    local options="--socket --host --port --json --timeout --table --confirm --help --version"
     COMPREPLY=()
 
     case $prev in
@@ -45,7 +45,7 @@ _dhctl() {
         COMPREPLY=($(compgen -f -- "$cur"))
         return
         ;;
-    --host | --port | --timeout) return ;;
+    --host | --port | --timeout | --confirm) return ;;
     esac
 
     # The command, its arguments so far, and the connection options given before the word.
@@ -62,7 +62,7 @@ _dhctl() {
             connection+=("$word" "${COMP_WORDS[i + 1]}")
             ((i++))
             ;;
-        --timeout) ((i++)) ;;
+        --timeout | --confirm) ((i++)) ;;
         -?*) ;;
         *) [[ -z $command ]] && command=$word || ((args++)) ;;
         esac
@@ -78,8 +78,12 @@ _dhctl() {
     fi
     case $command in
     help) ((args == 0)) && COMPREPLY=($(compgen -W "$commands" -- "$cur")) ;;
-    get | info | ls | set | run)
+    get | info | ls | run)
         ((args == 0)) && COMPREPLY=($(compgen -W "$(_dhctl_paths "${connection[@]}")" -- "$cur"))
+        ;;
+    set)
+        # PATH VALUE pairs: a path at every even position.
+        ((args % 2 == 0)) && COMPREPLY=($(compgen -W "$(_dhctl_paths "${connection[@]}")" -- "$cur"))
         ;;
     watch) COMPREPLY=($(compgen -W "$(_dhctl_paths "${connection[@]}")" -- "$cur")) ;;
     esac

@@ -46,14 +46,26 @@ const std::map<std::string, command_help>& commands() {
           "the leaf's description has one (-2.3 dBm); --json prints the bare value.\n\n"
           "Example:\n  dhctl get config/ospf/areaId\n"}},
         {"set",
-         {"set PATH VALUE", "write a leaf's value", 2, 2,
-          "Writes VALUE to the leaf at PATH and prints nothing on success.\n"
+         {"set PATH VALUE [PATH VALUE]...", "write leaves' values", 2, unlimited,
+          "Writes VALUE to the leaf at PATH and prints nothing on success. Several\n"
+          "PATH VALUE pairs are written together in one set_many: all or none.\n"
+          "With --confirm SECONDS the write is a confirmed commit: dhctl prints its\n"
+          "token, and the daemon rolls the write back unless `dhctl confirm TOKEN`\n"
+          "comes within SECONDS (1 to 3600).\n"
           "VALUE is taken as JSON when it is one valid JSON text (5, true, null,\n"
           "{\"a\":1}, \"text\") and as a plain string otherwise: `set P abc` and\n"
           "`set P '\"abc\"'` both send the string abc; to send the string \"5\", write\n"
           "'\"5\"'. A VALUE starting with '-' that is not a number goes after `--`.\n\n"
           "Examples:\n  dhctl set config/ospf/areaId 0.0.0.2\n"
-          "  dhctl set config/dnsSettings '{\"primaryDnsIpAddress\":\"192.0.2.53\"}'\n"}},
+          "  dhctl set config/dnsSettings '{\"primaryDnsIpAddress\":\"192.0.2.53\"}'\n"
+          "  dhctl set config/ntp/primaryServer 192.0.2.1 config/ntp/adminStatus up\n"
+          "  dhctl --confirm 120 set config/e28/ipv4Settings \\\n"
+          "      '{\"ipAddress\":\"192.0.2.20\",\"netmask\":\"255.255.255.0\"}'\n"}},
+        {"confirm",
+         {"confirm TOKEN", "keep a write made with --confirm", 1, 1,
+          "Confirms the pending commit that TOKEN (printed by `set --confirm`) names,\n"
+          "so that it is kept; prints nothing on success.\n\n"
+          "Example:\n  dhctl confirm 5f0c3d9e8a7b41c2b6e1d0f9a8c7b6e5\n"}},
         {"run",
          {"run PATH [VALUE]", "run a command leaf", 1, 2,
           "Runs the command at PATH with VALUE (read as for `set`; null when absent) and\n"
@@ -111,6 +123,8 @@ po::options_description global_options() {
         ("json", "print raw JSON, one line per value or event")
         ("timeout", po::value<double>()->value_name("SECONDS")->default_value(60),
          "limit for connecting and for each request")
+        ("confirm", po::value<unsigned>()->value_name("SECONDS"),
+         "set: roll the write back unless confirmed within SECONDS (1 to 3600)")
         ("table", "watch: a live table of the latest values instead of one line per change")
         ("version", "print the version and exit");
     // clang-format on
@@ -158,6 +172,8 @@ extern "C" void on_interrupt(int) {
 struct output {
     bool json;
     bool table = false;
+    // set --confirm SECONDS
+    std::optional<unsigned> confirm;
 
     void value(const rapidjson::Value& v) const {
         std::cout << (json ? dc::to_json(v) : dc::display_value(v, true)) << '\n';
@@ -296,6 +312,34 @@ int watch_table(dc::client& c, const std::vector<std::string>& paths) {
     return EXIT_SUCCESS;
 }
 
+// One PATH VALUE pair is a set, several a set_many; --confirm adds confirm_timeout.
+rapidjson::Document write_values(dc::client& c, const std::vector<std::string>& args,
+                                 std::optional<unsigned> confirm) {
+    if (args.size() == 2 && !confirm) {
+        c.set(args[0], dc::parse_cli_value(args[1]));
+        return rapidjson::Document();
+    }
+    rapidjson::Document params(rapidjson::kObjectType);
+    auto& a = params.GetAllocator();
+    auto add_pair = [&](rapidjson::Value& to, std::size_t i) {
+        to.AddMember("path", rapidjson::Value(args[i].c_str(), a), a);
+        to.AddMember("value", rapidjson::Value(dc::parse_cli_value(args[i + 1]), a), a);
+    };
+    if (args.size() == 2) {
+        add_pair(params, 0);
+    } else {
+        rapidjson::Value updates(rapidjson::kArrayType);
+        for (std::size_t i = 0; i < args.size(); i += 2) {
+            rapidjson::Value update(rapidjson::kObjectType);
+            add_pair(update, i);
+            updates.PushBack(update, a);
+        }
+        params.AddMember("updates", updates, a);
+    }
+    if (confirm) params.AddMember("confirm_timeout", *confirm, a);
+    return c.call(args.size() == 2 ? "set" : "set_many", params);
+}
+
 int run_command(dc::client& c, const std::string& command, const std::vector<std::string>& args,
                 const output& out) {
     if (command == "get") {
@@ -312,7 +356,17 @@ int run_command(dc::client& c, const std::string& command, const std::vector<std
         }
         std::cout << dc::display_with_unit(value, unit, true) << '\n';
     } else if (command == "set") {
-        c.set(args[0], dc::parse_cli_value(args[1]));
+        auto result = write_values(c, args, out.confirm);
+        // A confirmed commit answers its token, which the user needs for `confirm`.
+        if (result.IsObject() && result.HasMember("token") && !out.json)
+            out.value(result["token"]);
+        else if (out.json)
+            out.value(result);
+    } else if (command == "confirm") {
+        rapidjson::Document params(rapidjson::kObjectType);
+        params.AddMember("token", rapidjson::Value(args[0].c_str(), params.GetAllocator()),
+                         params.GetAllocator());
+        c.call("confirm", params);
         if (out.json) std::cout << "null\n";
     } else if (command == "run") {
         auto result = c.run(args[0], optional_value(args, 1));
@@ -414,6 +468,14 @@ int main(int argc, char** argv) {
 
     if (vm.count("table") && (command != "watch" || vm.count("json")))
         return usage_error("--table goes with watch only, and not with --json");
+    if (command == "set" && args.size() % 2 != 0)
+        return usage_error(fmt::format("usage: dhctl {}", entry->second.synopsis));
+    std::optional<unsigned> confirm;
+    if (vm.count("confirm")) {
+        confirm = vm["confirm"].as<unsigned>();
+        if (command != "set" || *confirm < 1 || *confirm > 3600)
+            return usage_error("--confirm SECONDS goes with set only, 1 to 3600");
+    }
     if (command == "history" && !args.empty()) {
         const std::string& n = args[0];
         if (n.empty() || n.size() > 9 || n.find_first_not_of("0123456789") != std::string::npos)
@@ -466,7 +528,8 @@ int main(int argc, char** argv) {
     }
 
     try {
-        return run_command(*c, command, args, output{vm.count("json") > 0, vm.count("table") > 0});
+        return run_command(*c, command, args,
+                           output{vm.count("json") > 0, vm.count("table") > 0, confirm});
     } catch (const dc::rpc_error& e) {
         std::cout.flush();
         std::cerr << e.what();

@@ -135,6 +135,7 @@ int main(int argc, char* argv[]) {
                            << msg_log::getCodeTrace(__FILE__, __LINE__);
     }
     handler->start();
+    api.set_commit_service(handler->commits());
     api.start_ipv6_socket("br1");
     api.start();
 

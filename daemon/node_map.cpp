@@ -64,6 +64,13 @@ void sysrepo_device_handler::register_nodes(const Document& running, const Docum
         group.add_value(node, cls);
         return node;
     };
+    // A parameter whose setter is a datastore edit (its host effects deferred by the unit): it
+    // may be written in set_many and in a confirmed commit. The others (commands, and parameters
+    // whose setter only runs host commands or writes files) are added with add.
+    auto add_batchable = [&add](auto node) {
+        node->allow_in_batches();
+        return add(node);
+    };
 
     // 1, 2
     add(command<&MNT::restore_factory_defaults>::create(db, "command/restoreFactoryDefaults", mnt,
@@ -75,13 +82,13 @@ void sysrepo_device_handler::register_nodes(const Document& running, const Docum
     }))->set_allowed_values(texts({MANAGED_ILA, MANAGEDNETCONF_MODE, MANAGEDCLI_MODE}));
     // 4
     for (std::string_view name : IETH_INTERFACES)
-        add(param<&IF::set_ifconf_enabled>::create(
+        add_batchable(param<&IF::set_ifconf_enabled>::create(
             db, fmt::format("config/{}/adminStatus", name), ifs,
             [&, name] { return interfaces_->get_ifconf_enabled(running, name); }, name,
             std::optional<int>{}));
     // 5
     for (std::string_view name : IETH_INTERFACES)
-        add(param<&IF::set_ifconf>::create(
+        add_batchable(param<&IF::set_ifconf>::create(
             db, fmt::format("config/{}/ipv4Settings", name), ifs,
             [&, name] { return interfaces_->get_ifconf(running, name); }, name));
     // 6
@@ -111,67 +118,69 @@ void sysrepo_device_handler::register_nodes(const Document& running, const Docum
                                                           "mgmt"));
     // 13
     for (const auto& tun : TUN_INTERFACES)
-        add(param<&IF::set_ifconf_enabled>::create(
+        add_batchable(param<&IF::set_ifconf_enabled>::create(
             db, fmt::format("config/{}/adminStatus", tun.name), ifs,
             [&, name = tun.name] { return interfaces_->get_ifconf_enabled(running, name); },
             tun.name, std::optional<int>{tun.vlan}));
     // 14
     add(volatile_value<&IF::get_gateway>::create(db, "data/gateway", ifs));
     // 15
-    add(param<&OSPF::set_ospf_area_id>::create(db, "config/ospf/areaId", ospf,
-                                               [&] { return ospf_->get_ospf_area_id(running); }));
+    add_batchable(param<&OSPF::set_ospf_area_id>::create(
+        db, "config/ospf/areaId", ospf, [&] { return ospf_->get_ospf_area_id(running); }));
     // 16
     for (std::string_view name : RDM_INTERFACES)
-        add(param<&IF::set_interface_mode>::create(
-                db, fmt::format("config/{}/mode", name), ifs,
-                [&, name] { return interfaces_->_get_interface_mode_str(running, name); }, name))
+        add_batchable(param<&IF::set_interface_mode>::create(
+                          db, fmt::format("config/{}/mode", name), ifs,
+                          [&, name] { return interfaces_->_get_interface_mode_str(running, name); },
+                          name))
             ->set_allowed_values({"tunnelOnly", "mgmtOnly", "mgmtAndTunnel"});
     // 17
     for (std::string_view name : RDM_INTERFACES)
         add(volatile_value<&IF::get_interface_mode_str>::create(
             db, fmt::format("data/{}/mode", name), ifs, name));
     // 18
-    add(param<&OSPF::set_ospf_adminStatus>::create(db, "config/ospf/adminStatus", ospf, [&] {
-        return ospf_->get_ospf_adminStatus(running);
-    }))->set_allowed_values({"up", "down"});
+    add_batchable(param<&OSPF::set_ospf_adminStatus>::create(
+                      db, "config/ospf/adminStatus", ospf,
+                      [&] { return ospf_->get_ospf_adminStatus(running); }))
+        ->set_allowed_values({"up", "down"});
     // 19
     for (std::string_view name : OSPF_INTERFACES)
-        add(param<&OSPF::set_ospf_if_adminStatus>::create(
+        add_batchable(param<&OSPF::set_ospf_if_adminStatus>::create(
             db, fmt::format("config/ospf/{}/adminStatus", name), ospf,
             [&, name] { return ospf_->get_ospf_if_adminStatus(running, name); }, name));
     // 20
     for (std::string_view name : OSPF_UPLINK_INTERFACES)
-        add(param<&OSPF::set_ospf_interface_area_id>::create(
+        add_batchable(param<&OSPF::set_ospf_interface_area_id>::create(
             db, fmt::format("config/ospf/{}/areaId", name), ospf, [] { return std::string(); },
             name));
     // 21, 22
     for (const auto& tun : TUN_INTERFACES)
-        add(param<&OSPF::set_ospf_interface_metric>::create(
+        add_batchable(param<&OSPF::set_ospf_interface_metric>::create(
             db, fmt::format("config/ospf/{}/metric", tun.name), ospf,
             [&, name = tun.name] { return ospf_->get_ospf_interface_metric(running, name); },
             tun.name));
     for (const auto& tun : TUN_INTERFACES)
-        add(param<&OSPF::set_ospf_interface_passive>::create(
+        add_batchable(param<&OSPF::set_ospf_interface_passive>::create(
             db, fmt::format("config/ospf/{}/passive", tun.name), ospf,
             [&, name = tun.name] { return ospf_->get_ospf_interface_passive(running, name); },
             tun.name));
     // 23, 24
     for (std::string_view name : OSPF_INTERFACES)
-        add(param<&OSPF::set_ospf_interface_passive>::create(
+        add_batchable(param<&OSPF::set_ospf_interface_passive>::create(
             db, fmt::format("config/ospf/{}/passive", name), ospf,
             [&, name] { return ospf_->get_ospf_interface_passive(running, name); }, name));
     for (std::string_view name : OSPF_INTERFACES)
-        add(param<&OSPF::set_ospf_interface_metric>::create(
+        add_batchable(param<&OSPF::set_ospf_interface_metric>::create(
             db, fmt::format("config/ospf/{}/metric", name), ospf,
             [&, name] { return ospf_->get_ospf_interface_metric(running, name); }, name));
     // 25 to 28
-    add(param<&NTP::set_ntp_adminStatus>::create(db, "config/ntp/adminStatus", ntp, [&] {
+    add_batchable(param<&NTP::set_ntp_adminStatus>::create(db, "config/ntp/adminStatus", ntp, [&] {
         return NTP::get_ntp_adminStatus(running);
     }))->set_allowed_values({"up", "down"});
-    add(param<&NTP::set_ntp_server>::create(
+    add_batchable(param<&NTP::set_ntp_server>::create(
         db, "config/ntp/primaryServer", ntp, [&] { return NTP::get_ntp_server(running, true); },
         true));
-    add(param<&NTP::set_ntp_server>::create(
+    add_batchable(param<&NTP::set_ntp_server>::create(
         db, "config/ntp/secondaryServer", ntp, [&] { return NTP::get_ntp_server(running, false); },
         false));
     add(volatile_value<&NTP::get_ntp_status>::create(db, "data/ntp/serverStatus", ntp));
@@ -179,9 +188,9 @@ void sysrepo_device_handler::register_nodes(const Document& running, const Docum
     add(command<&SYS::set_date_time>::create(db, "command/dateTime", sys));
     add(volatile_value<&SYS::get_date_time>::create(db, "data/dateTime", sys));
     // 31
-    add(param<&dns_unit::set_dns_servers>::create(db, "config/dnsSettings",
-                                                  std::weak_ptr<dns_unit>(dns_),
-                                                  [&] { return dns_->get_dns_servers(running); }));
+    add_batchable(param<&dns_unit::set_dns_servers>::create(
+        db, "config/dnsSettings", std::weak_ptr<dns_unit>(dns_),
+        [&] { return dns_->get_dns_servers(running); }));
     // 32 to 34
     const std::weak_ptr<acl_unit> acl = acl_;
     add(param<&acl_unit::acl_set_whitelist>::create(db, "config/acl/whitelist", acl, {},
@@ -228,6 +237,8 @@ void sysrepo_device_handler::register_nodes(const Document& running, const Docum
             monitored));
     // 48: presence, powers, margins and inventory per optical port.
     sfp_->init();
+    // 49: the state of a confirmed commit.
+    commits_->attach_status(commit_status_node::create(db, "data/commitStatus"));
 
     // The status values start out known rather than waiting for the first poll.
     interfaces_->update_ietf_ifaces_map(oper);

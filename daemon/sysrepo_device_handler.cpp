@@ -6,6 +6,15 @@
 
 using namespace std::chrono_literals;
 
+namespace {
+
+// A commit awaiting confirmation is kept here; /var/persistent survives a reboot, and a factory
+// reset clears /var/persistent/etc.
+constexpr std::string_view pending_commit_file =
+    "/var/persistent/etc/device-handler/pending-commit.json";
+
+}  // namespace
+
 sysrepo_device_handler::sysrepo_device_handler(dh_db& db, std::shared_ptr<host::executor> exec,
                                                dh::scheduler& sched, std::filesystem::path root)
     : db(db),
@@ -22,6 +31,8 @@ sysrepo_device_handler::sysrepo_device_handler(dh_db& db, std::shared_ptr<host::
       images_(std::make_shared<images_unit>(door_)),
       maintenance_(std::make_shared<maintenance_unit>(door_, datastore_, sched)),
       sfp_(std::make_shared<sfp_plus_data_reader>(db, door_, sched)),
+      commits_(std::make_shared<confirmed_commits>(db, datastore_, sched,
+                                                   door_.file(pending_commit_file))),
       group(sched, 1000, 0),
       config_status(dh::api::status_value<bool>::create(db, "data/configStatus", false, 1)) {
     // Ticked by the value group, so that a fall of the status would reach subscribers after its
@@ -41,6 +52,7 @@ void sysrepo_device_handler::start() {
     const Document oper =
         datastore_.export_checked(datastore::operational, {"-x", "/ietf-interfaces:interfaces"});
     register_nodes(running, oper);
+    commits_->recover();
     // Every second, on the pool: the interface status values and the optical modules' presence.
     // The values just read were pushed by register_nodes, so the first poll comes a second
     // later. A failed read is logged by the unit and tried again the next second.

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "acl.hpp"
+#include "confirmed_commits.hpp"
 #include "datastore.hpp"
 #include "dh_api/dh_api.hpp"
 #include "dh_db.hpp"
@@ -34,7 +35,8 @@ class sysrepo_device_handler {
     sysrepo_device_handler(const sysrepo_device_handler&) = delete;
     sysrepo_device_handler& operator=(const sysrepo_device_handler&) = delete;
 
-    // Reads the configuration once, registers every node and starts the periodic work.
+    // Reads the configuration once, registers every node, rolls back a commit that was still
+    // awaiting confirmation when the daemon last stopped, and starts the periodic work.
     void start();
 
     const host::door& door() const { return door_; }
@@ -49,6 +51,8 @@ class sysrepo_device_handler {
     images_unit& images() { return *images_; }
     maintenance_unit& maintenance() { return *maintenance_; }
     sfp_plus_data_reader& sfp() { return *sfp_; }
+    // The confirmed commits, for the server (which holds them weakly).
+    std::shared_ptr<confirmed_commits> commits() { return commits_; }
 
   private:
     // Registers the node map; `running` and `oper` are the documents start() exported once, from
@@ -69,6 +73,7 @@ class sysrepo_device_handler {
     std::shared_ptr<images_unit> images_;
     std::shared_ptr<maintenance_unit> maintenance_;
     std::shared_ptr<sfp_plus_data_reader> sfp_;
+    std::shared_ptr<confirmed_commits> commits_;
 
     dh::api::value_group group;
     std::shared_ptr<dh::api::status_value<bool>> config_status;

@@ -1,5 +1,6 @@
 #include "device_handler_api.hpp"
 
+#include "commit_service.hpp"
 #include "server.hpp"
 
 device_handler_api::device_handler_api(const std::string& socket_dir, unsigned port,
@@ -11,6 +12,10 @@ device_handler_api::~device_handler_api() = default;
 
 void device_handler_api::start_ipv6_socket(std::string interface) {
     server_->start_ipv6_socket(interface);
+}
+
+void device_handler_api::set_commit_service(std::weak_ptr<dh::commit_service> commits) {
+    server_->set_commit_service(std::move(commits));
 }
 
 void device_handler_api::start() {

@@ -21,6 +21,8 @@ class device_handler_api {
     // Opens [::]:port bound to `interface` (SO_BINDTODEVICE, IPV6_V6ONLY); a missing interface
     // raises std::system_error.
     void start_ipv6_socket(std::string interface);
+    // The program's confirmed commits (see dh::server::server); before start().
+    void set_commit_service(std::weak_ptr<dh::commit_service> commits);
     // Serves on the calling thread until stop().
     void start();
     // Thread-safe and async-signal-safe enough to be called from a signal-handling thread;

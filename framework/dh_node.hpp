@@ -49,6 +49,11 @@ class dh_db_leaf_node : public std::enable_shared_from_this<dh_db_leaf_node> {
     // nodes are registered, before the server serves; read-only afterwards.
     void set_unit(std::string unit) { unit_ = std::move(unit); }
     const std::string& unit() const noexcept { return unit_; }
+    // Whether a set of this node may be part of a write batch (set_many, confirmed commits): the
+    // node defers adopting its value, and its handler keeps its changes in the batch. Marked by
+    // the program while the nodes are registered; read-only afterwards.
+    void allow_in_batches() { batchable_ = true; }
+    bool batchable() const noexcept { return batchable_; }
     // True when the node's operations may block (they call the handler): the server then runs
     // them on its worker pool instead of the serving thread.
     virtual bool is_async();
@@ -66,6 +71,7 @@ class dh_db_leaf_node : public std::enable_shared_from_this<dh_db_leaf_node> {
     dh_db& db_;
     const std::vector<std::string> path_;
     std::string unit_;
+    bool batchable_ = false;
 };
 
 // A leaf that clients can subscribe to. It keeps its subscribers (weakly: a closed session drops

@@ -2,11 +2,13 @@
 
 #include <mutex>
 #include <optional>
+#include <shared_mutex>
 
 #include "dh_error.hpp"
 #include "dh_node.hpp"
 #include "metrics.hpp"
 #include "msg_log.hpp"
+#include "write_batch.hpp"
 
 namespace dh::server::detail {
 
@@ -38,6 +40,10 @@ const char* method_name(method_id m) {
             return "list";
         case method_id::history:
             return "history";
+        case method_id::set_many:
+            return "set_many";
+        case method_id::confirm:
+            return "confirm";
         case method_id::unknown:
             break;
     }
@@ -60,22 +66,36 @@ void audit(const connection& c, method_id m, std::string_view path, const rpc_er
                         << msg_log::getCodeTrace(__FILE__, __LINE__);
 }
 
+// Refuses a write while a commit awaits confirmation. A set holds the write gate shared while it
+// runs, so that no batch interleaves with it; nodes that are not async change nothing on the
+// device, and the serving thread never waits for the gate.
+std::shared_lock<std::shared_mutex> enter_write(dh::commit_service* commits, dh_db_leaf_node& node,
+                                                bool hold) {
+    if (!node.is_async()) return {};
+    std::shared_lock gate(dh::write_batch::gate());
+    if (commits) commits->check_write_allowed();
+    if (!hold) gate.unlock();
+    return gate;
+}
+
 // Carries out one node operation on the calling thread. `sub_lock` is the connection's
 // subscription lock, already held where the serving thread took it.
 void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>& node,
              std::string_view path, const dh::Value* value, dh::Allocator& a, dh::Value& out,
-             std::unique_lock<std::mutex>& sub_lock) {
+             std::unique_lock<std::mutex>& sub_lock, dh::commit_service* commits) {
     switch (m) {
         case method_id::get:
             node->get(path, a, out);
             return;
         case method_id::set: {
+            const auto gate = enter_write(commits, *node, true);
             const dh_db::acting_client acting(c.client().who());
             node->set(path, *value);
         }
             out.SetNull();
             return;
         case method_id::run: {
+            enter_write(commits, *node, false);
             const dh_db::acting_client acting(c.client().who());
             node->run(path, *value, a, out);
         }
@@ -99,6 +119,8 @@ void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>&
             return;
         case method_id::list:
         case method_id::history:
+        case method_id::set_many:
+        case method_id::confirm:
         case method_id::unknown:
             break;
     }
@@ -206,7 +228,7 @@ void dispatcher::dispatch(connection& c, const request& r, const reply_target& t
             return;
         }
         default:
-            node_operation(c, r, t);
+            if (!write_operation(c, r, t)) node_operation(c, r, t);
     }
 }
 
@@ -242,7 +264,8 @@ void dispatcher::node_operation(connection& c, const request& r, const reply_tar
     }
     dh::Value result;
     try {
-        perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock);
+        perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock,
+                commits_.lock().get());
     } catch (...) {
         if (changes_device(r.method)) {
             const auto e = codec::error_from_current_exception();
@@ -273,26 +296,36 @@ void dispatcher::submit(connection& c, const request& r, const reply_target& t,
 }
 
 void dispatcher::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job) {
+    if (is_write_job(*job)) {
+        run_write_job(c, std::move(job));
+        return;
+    }
     auto& args = job->args;
     auto& a = args.GetAllocator();
-    const auto id = args.FindMember("id");
     const auto value = args.FindMember("value");
     dh::Value result;
     std::optional<rpc_error> error;
     try {
         std::unique_lock<std::mutex> sub_lock;
         perform(*c, job->method, job->node, job->path,
-                value == args.MemberEnd() ? nullptr : &value->value, a, result, sub_lock);
+                value == args.MemberEnd() ? nullptr : &value->value, a, result, sub_lock,
+                commits_.lock().get());
     } catch (...) {
         error = codec::error_from_current_exception();
     }
     if (changes_device(job->method)) audit(*c, job->method, job->path, error ? &*error : nullptr);
+    finish_job(c, std::move(job), result, error);
+}
+
+void dispatcher::finish_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job,
+                            const dh::Value& result, const std::optional<rpc_error>& error) {
     count_request(job->method, !error, job->received);
     std::string text;
     if (job->answer) {
         codec::string_buffer sb;
         codec::json_writer w(sb);
-        const dh::Value* id_value = id == args.MemberEnd() ? nullptr : &id->value;
+        const auto id = job->args.FindMember("id");
+        const dh::Value* id_value = id == job->args.MemberEnd() ? nullptr : &id->value;
         if (error)
             codec::write_error(sb, w, id_value, *error);
         else

@@ -2,9 +2,11 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string_view>
 #include <vector>
 
+#include "commit_service.hpp"
 #include "connection.hpp"
 #include "dh_db.hpp"
 #include "job_queue.hpp"
@@ -24,6 +26,10 @@ class dispatcher {
 
     void handle_line(connection& c, const char* line, std::size_t len);
     void run_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job);
+    // Set once, before serving starts. Held weakly: the program owns it.
+    void set_commit_service(std::weak_ptr<dh::commit_service> commits) {
+        commits_ = std::move(commits);
+    }
 
   private:
     void handle_batch(connection& c, codec::request_document& doc);
@@ -40,6 +46,15 @@ class dispatcher {
     void reply_error(connection& c, const reply_target& t, const codec::request& r,
                      const codec::rpc_error& e);
     void deliver_reply(connection& c, const reply_target& t);
+    // Answers a job that ran on a worker and starts the next one of its node.
+    void finish_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job,
+                    const dh::Value& result, const std::optional<codec::rpc_error>& error);
+
+    // set_many, set with confirm_timeout, and confirm (dispatcher_writes.cpp). False when the
+    // request is none of these.
+    bool write_operation(connection& c, const codec::request& r, const reply_target& t);
+    static bool is_write_job(const async_job& job);
+    void run_write_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job);
 
     dh_db& db_;
     const std::vector<std::string> admin_only_;
@@ -51,6 +66,7 @@ class dispatcher {
     codec::string_buffer sb_;
     codec::json_writer writer_;
     const dh::Value null_value_{};
+    std::weak_ptr<dh::commit_service> commits_;
 };
 
 }  // namespace dh::server::detail

@@ -157,6 +157,9 @@ bool permits(role r, codec::method_id m, std::string_view path,
         case method_id::list:
         case method_id::history:
             return r >= role::monitor;
+        case method_id::set_many:
+        case method_id::confirm:
+            return r >= role::operator_;
         case method_id::set:
         case method_id::run:
             if (std::find(admin_only.begin(), admin_only.end(), path) != admin_only.end())

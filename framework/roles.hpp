@@ -12,7 +12,8 @@ namespace dh::server {
 
 // What a client may do, each role including the ones before it:
 // monitor: get, subscribe, unsubscribe, info, list, history;
-// operator: also set, and run of commands that do not interrupt service;
+// operator: also set, set_many (each update checked as a set) and confirm, and run of commands
+// that do not interrupt service;
 // admin: everything.
 enum class role { none, monitor, operator_, admin };
 

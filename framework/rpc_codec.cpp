@@ -97,6 +97,8 @@ method_id parse_method(std::string_view m) {
     if (m == "info") return method_id::info;
     if (m == "list") return method_id::list;
     if (m == "history") return method_id::history;
+    if (m == "set_many") return method_id::set_many;
+    if (m == "confirm") return method_id::confirm;
     return method_id::unknown;
 }
 
@@ -129,19 +131,24 @@ void write_error(string_buffer& sb, json_writer& w, const dh::Value* id, const r
     w.Int(e.code);
     w.Key("message");
     write_string(w, e.message);
-    if (e.kind == rpc_error::data_kind::conversion) {
+    if (e.kind != rpc_error::data_kind::none || e.update) {
         w.Key("data");
         w.StartObject();
-        w.Key("expected");
-        write_string(w, e.first);
-        w.Key("actual");
-        write_string(w, e.second);
-        w.EndObject();
-    } else if (e.kind == rpc_error::data_kind::what) {
-        w.Key("data");
-        w.StartObject();
-        w.Key("what");
-        write_string(w, e.first);
+        if (e.kind == rpc_error::data_kind::conversion) {
+            w.Key("expected");
+            write_string(w, e.first);
+            w.Key("actual");
+            write_string(w, e.second);
+        } else if (e.kind == rpc_error::data_kind::what) {
+            w.Key("what");
+            write_string(w, e.first);
+        }
+        if (e.update) {
+            w.Key("index");
+            w.Uint64(e.update->first);
+            w.Key("path");
+            write_string(w, e.update->second);
+        }
         w.EndObject();
     }
     w.EndObject();

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <rapidjson/reader.h>
@@ -27,7 +28,19 @@ constexpr std::int32_t code_no_such_node = -32001;
 constexpr std::int32_t code_too_many_connections = -32000;
 constexpr std::int32_t code_permission_denied = -32003;
 
-enum class method_id { get, set, run, subscribe, unsubscribe, info, list, history, unknown };
+enum class method_id {
+    get,
+    set,
+    run,
+    subscribe,
+    unsubscribe,
+    info,
+    list,
+    history,
+    set_many,
+    confirm,
+    unknown
+};
 
 method_id parse_method(std::string_view m);
 
@@ -47,6 +60,8 @@ struct rpc_error {
     data_kind kind = data_kind::none;
     std::string first;
     std::string second;
+    // The update of a multi-path write that failed: "index" and "path" join the error's "data".
+    std::optional<std::pair<std::size_t, std::string>> update;
 };
 
 // Maps the exception in flight to its wire form: a dh_error keeps its code and text, a

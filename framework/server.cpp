@@ -67,6 +67,9 @@ class server_core final : public connection_host {
         jobs_->post(std::move(c), std::move(job));
     }
     void end_subscriptions_later(std::shared_ptr<connection> c) override;
+    void set_commit_service(std::weak_ptr<dh::commit_service> commits) {
+        dispatcher_.set_commit_service(std::move(commits));
+    }
 
     std::size_t connection_count() const { return connection_count_.load(); }
 
@@ -263,6 +266,10 @@ server::~server() = default;
 void server::start_ipv6_socket(const std::string& interface) {
     if (core_->opts.plain_tcp) core_->sockets.open_ipv6(interface);
 }
+void server::set_commit_service(std::weak_ptr<dh::commit_service> commits) {
+    core_->set_commit_service(std::move(commits));
+}
+
 void server::run() {
     core_->run();
 }

@@ -11,6 +11,10 @@
 
 class dh_db;
 
+namespace dh {
+class commit_service;
+}
+
 namespace dh::server {
 
 namespace detail {
@@ -83,6 +87,9 @@ class server {
     // Opens [::]:port (the TCP port) bound to `interface` with SO_BINDTODEVICE and IPV6_V6ONLY;
     // nothing when plain TCP is off. A missing interface raises std::system_error.
     void start_ipv6_socket(const std::string& interface);
+    // The confirmed commits behind confirm_timeout and confirm (answered -95 without them), held
+    // weakly: the program owns them. Called before run().
+    void set_commit_service(std::weak_ptr<dh::commit_service> commits);
     // Serves on the calling thread until stop(); returns at once if stop() came first.
     void run();
     // Thread-safe; makes run() return.

@@ -40,6 +40,69 @@ Document copy_document(const dh::Value& value) {
     return doc;
 }
 
+// The documents of one write batch, and their import when it commits.
+class datastore_service::staged final : public dh::write_batch::participant {
+  public:
+    explicit staged(datastore_service& ds) : ds_(ds) {
+        std::lock_guard lock(ds.mutex_);
+        running_ = ds.export_running();
+        running_before_ = json_text(running_);
+        diverged_before_ = ds.startup_diverged_;
+        if (diverged_before_) {
+            startup_ = ds.export_startup();
+            startup_before_ = json_text(*startup_);
+        } else {
+            startup_before_ = running_before_;
+        }
+    }
+
+    // While startup equals running, the one document stands for both until a startup-only edit
+    // gives startup a copy of its own (holding the batch's edits so far).
+    void edit(const edit_fn& fn) {
+        fn(running_);
+        if (startup_) fn(*startup_);
+    }
+    void edit_startup(const edit_fn& fn) {
+        if (!startup_) startup_ = copy_document(running_);
+        fn(*startup_);
+    }
+    void replace_with(const Document& running, const Document& startup) {
+        replacement_.emplace(json_text(running), json_text(startup));
+    }
+
+    void apply() override {
+        const std::string running = replacement_ ? replacement_->first : json_text(running_);
+        const std::string startup = replacement_ ? replacement_->second
+                                    : startup_   ? json_text(*startup_)
+                                                 : running;
+        std::lock_guard lock(ds_.mutex_);
+        ds_.import(running, "running");
+        try {
+            ds_.import(startup, "startup");
+        } catch (...) {
+            ds_.put_back(running_before_, nullptr);
+            throw;
+        }
+        ds_.startup_diverged_ = startup != running;
+        ds_.clear_cache();
+    }
+
+    void take_back() noexcept override {
+        std::lock_guard lock(ds_.mutex_);
+        ds_.put_back(running_before_, &startup_before_);
+        ds_.startup_diverged_ = diverged_before_;
+    }
+
+  private:
+    datastore_service& ds_;
+    Document running_;
+    std::optional<Document> startup_;
+    std::string running_before_;
+    std::string startup_before_;
+    bool diverged_before_ = true;
+    std::optional<std::pair<std::string, std::string>> replacement_;
+};
+
 datastore_service::datastore_service(const host::door& door, const dh::clock& time)
     : door_(door), time_(time) {}
 
@@ -83,7 +146,26 @@ void datastore_service::import(const std::string& json, const char* ds) const {
     }
 }
 
+datastore_service::staged& datastore_service::staged_in(dh::write_batch& batch) {
+    return batch.join<staged>(this, [this] { return std::make_unique<staged>(*this); });
+}
+
+void datastore_service::put_back(const std::string& running, const std::string* startup) {
+    try {
+        import(running, "running");
+        if (startup) import(*startup, "startup");
+    } catch (const std::exception& e) {
+        MSG_LOG(2, "datastore") << "The configuration could not be restored after a failed write: "
+                                << e.what() << msg_log::getCodeTrace(__FILE__, __LINE__);
+    }
+    clear_cache();
+}
+
 void datastore_service::edit(const edit_fn& fn) {
+    if (auto* batch = dh::write_batch::current()) {
+        staged_in(*batch).edit(fn);
+        return;
+    }
     std::lock_guard lock(mutex_);
     Document running = export_running();
     const std::string before = json_text(running);
@@ -100,20 +182,17 @@ void datastore_service::edit(const edit_fn& fn) {
         }
     } catch (...) {
         // Running must not hold a change that the configuration kept across a reboot lacks.
-        try {
-            import(before, "running");
-        } catch (const std::exception& e) {
-            MSG_LOG(2, "datastore")
-                << "Running could not be restored after a failed write: " << e.what()
-                << msg_log::getCodeTrace(__FILE__, __LINE__);
-        }
-        clear_cache();
+        put_back(before, nullptr);
         throw;
     }
     clear_cache();
 }
 
 void datastore_service::edit_startup(const edit_fn& fn) {
+    if (auto* batch = dh::write_batch::current()) {
+        staged_in(*batch).edit_startup(fn);
+        return;
+    }
     std::lock_guard lock(mutex_);
     Document startup = export_startup();
     fn(startup);
@@ -125,6 +204,18 @@ void datastore_service::replace_startup(const Document& doc) {
     std::lock_guard lock(mutex_);
     import(json_text(doc), "startup");
     startup_diverged_ = true;
+}
+
+void datastore_service::restore(const Document& running, const Document& startup) {
+    if (auto* batch = dh::write_batch::current()) {
+        staged_in(*batch).replace_with(running, startup);
+        return;
+    }
+    std::lock_guard lock(mutex_);
+    import(json_text(running), "running");
+    import(json_text(startup), "startup");
+    startup_diverged_ = running != startup;
+    clear_cache();
 }
 
 Document datastore_service::cached_oper(std::string_view module) {

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -10,6 +11,7 @@
 #include "dh_types.hpp"
 #include "door.hpp"
 #include "scheduler.hpp"
+#include "write_batch.hpp"
 
 using Document = dh::Document;
 
@@ -21,6 +23,13 @@ enum class datastore : char { running = 'r', operational = 'o', factory_default 
 // configuration goes through edit() or edit_startup(), under the service's lock, so no two writes
 // interleave and lose one another; the lock is never held for anything but an export-edit-import
 // sequence. Operational exports are cached one second per module.
+//
+// Inside a write batch (dh::write_batch) on the calling thread, edits go to the batch's documents
+// instead: running (and startup, where it differs) is exported at the batch's first edit, every
+// edit of the batch changes those documents, and the batch's commit imports them once to running
+// and once to startup. The batch runs without the service's lock; the server's write gate keeps
+// other writes out meanwhile. Units defer what they change on the host and adopt their models
+// through after_commit() and adopt(), which act at once outside a batch.
 class datastore_service {
   public:
     using edit_fn = std::function<void(Document&)>;
@@ -55,9 +64,40 @@ class datastore_service {
     // The operational document of one module, exported at most once a second.
     Document cached_oper(std::string_view module);
 
+    // Imports `running` and `startup` as they are (the configuration before a commit that was not
+    // confirmed). Inside a batch the batch's edits are still made, checking every value written
+    // back, but its commit imports these documents instead of the edited ones.
+    void restore(const Document& running, const Document& startup);
+
+    // A change on the host that follows a datastore write: run at once outside a batch, after the
+    // batch's imports inside one; `undo` reverses it if a later step of the batch fails.
+    static void after_commit(std::function<void()> effect, std::function<void()> undo = {}) {
+        dh::write_batch::after_commit(std::move(effect), std::move(undo));
+    }
+
+    // Makes `next` a unit's model. The caller holds `guard`, the lock of `model`; inside a batch
+    // the previous model is put back under `guard` if the batch does not commit, so that the
+    // batch's later writes build on this one and a failed batch leaves the unit as it was.
+    template <class T>
+    static void adopt(T& model, T next, std::mutex& guard) {
+        if (dh::write_batch::current())
+            dh::write_batch::on_abort([&model, &guard, previous = model]() mutable {
+                std::lock_guard lock(guard);
+                model = std::move(previous);
+            });
+        model = std::move(next);
+    }
+
   private:
+    class staged;
+
     void import(const std::string& json, const char* ds) const;
     void clear_cache();
+    // Imports `running` (and `startup`, unless null) back after a failed write; a failure is
+    // logged, the write's own failure being the one reported. mutex_ held.
+    void put_back(const std::string& running, const std::string* startup);
+    // The batch's documents, exported at the batch's first edit.
+    staged& staged_in(dh::write_batch& batch);
 
     const host::door& door_;
     const dh::clock& time_;

@@ -1,6 +1,9 @@
 #include <rapidjson/pointer.h>
 
 #include <fstream>
+#include <memory>
+#include <optional>
+#include <sstream>
 
 #include "dh_error.hpp"
 #include "dns.hpp"
@@ -63,7 +66,17 @@ void dns_unit::set_dns_servers(const Document& servers) {
         update_dns_server(doc, "primary", primary);
         update_dns_server(doc, "secondary", secondary);
     });
-    update_resolv_conf(primary, secondary);
+    // Inside a write batch the file is written after the batch's imports; should a later step of
+    // the batch fail, the text it had goes back.
+    auto previous = std::make_shared<std::optional<std::string>>();
+    datastore_service::after_commit(
+        [this, primary, secondary, previous] {
+            *previous = read_resolv_conf();
+            update_resolv_conf(primary, secondary);
+        },
+        [this, previous] {
+            if (*previous) write_resolv_conf(**previous);
+        });
 }
 
 void dns_unit::update_dns_server(Document& doc, const std::string& role,
@@ -101,9 +114,22 @@ void dns_unit::update_dns_server(Document& doc, const std::string& role,
 }
 
 void dns_unit::update_resolv_conf(const std::string& primary, const std::string& secondary) {
+    std::string text;
+    if (!primary.empty()) text += "nameserver " + primary + '\n';
+    if (!secondary.empty()) text += "nameserver " + secondary + '\n';
+    write_resolv_conf(text + "options edns0 trust-ad\n");
+}
+
+void dns_unit::write_resolv_conf(const std::string& text) {
     std::ofstream file(door_.file(resolv_conf_path), std::ios::out | std::ios::trunc);
     if (!file.is_open()) dh::raise(-5, "Failed to open /etc/resolv.conf.", "update_resolv_conf");
-    if (!primary.empty()) file << "nameserver " << primary << '\n';
-    if (!secondary.empty()) file << "nameserver " << secondary << '\n';
-    file << "options edns0 trust-ad\n";
+    file << text;
+}
+
+std::optional<std::string> dns_unit::read_resolv_conf() const {
+    std::ifstream file(door_.file(resolv_conf_path));
+    if (!file) return std::nullopt;
+    std::ostringstream text;
+    text << file.rdbuf();
+    return text.str();
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "datastore.hpp"
@@ -18,6 +19,10 @@ class dns_unit {
     void update_resolv_conf(const std::string& primary, const std::string& secondary);
 
   private:
+    void write_resolv_conf(const std::string& text);
+    // The file's text; nothing when it cannot be read.
+    std::optional<std::string> read_resolv_conf() const;
+
     const host::door& door_;
     datastore_service& ds_;
     // Held by set_dns_servers across its write and the resolver file, so the file follows the

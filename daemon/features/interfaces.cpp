@@ -173,39 +173,49 @@ bool is_known_interface(std::string_view name) {
 
 // Every part of the request is validated before anything is changed, and the packet filter and
 // the stored addresses follow only once the datastore took the change, so a refused or failed
-// request changes neither.
+// request changes neither. Inside a write batch the stored addresses change at once, for the
+// batch's later writes, and are put back if the batch fails; the packet filter follows the
+// batch's imports.
 void interfaces_unit::set_ifconf(std::string_view name, const Document& request) {
     std::lock_guard lock(mutex_);
     std::vector<pass> passes;
     passes.reserve(2);
     if (name == sysrepo_common::MGMT_INTERFACE) {
-        passes.push_back(plan_pass(mgmt_name, request, &e28_ip_address));
+        passes.push_back(plan_pass(mgmt_name, request, &addresses_.e28_ip));
         if (const Value* port = yang_doc::member(request, "interface"))
             passes.push_back(plan_pass(name, *port, &passes.front().address.ip));
     } else {
         passes.push_back(plan_pass(name, request, nullptr));
     }
 
-    address_pair mgmt{mgmt_ip_address, mgmt_prefix_length};
-    address_pair e28{e28_ip_address, e28_prefix_length};
-    std::vector<std::pair<std::string, mgmt_ports>> nft_updates;
+    address_pair mgmt{addresses_.mgmt_ip, addresses_.mgmt_prefix_length};
+    address_pair e28{addresses_.e28_ip, addresses_.e28_prefix_length};
+    // The firewall sets to fill, and how to fill them back should a later write of the same
+    // batch fail.
+    nft_fills nft_updates;
+    nft_fills nft_undo;
     for (const auto& p : passes) {
         if (p.name == mgmt_name) {
             mgmt = p.address;
             nft_updates.emplace_back(p.address.ip, mgmt_ports::mgmt);
+            nft_undo.emplace_back(addresses_.mgmt_ip, mgmt_ports::mgmt);
         } else if (p.name == sysrepo_common::MGMT_INTERFACE) {
             e28 = p.address;
             nft_updates.emplace_back(p.address.ip, mgmt_ports::e28);
+            nft_undo.emplace_back(addresses_.e28_ip, mgmt_ports::e28);
         } else if (p.name == "e27") {
             nft_updates.emplace_back(p.address.ip, mgmt_ports::e27);
         }
     }
 
+    std::optional<std::string> e27_before;
     auto write = [&](const ospf_unit::generator* ospf_entry) {
         ds_.edit([&](Document& doc) {
             yang_doc::require_object(doc);
             for (const auto& p : passes) {
                 const auto& [ip, prefix] = p.address;
+                if (p.name == "e27" && !e27_before)
+                    e27_before = first_address(yang_doc::interface_entry(doc, p.name)).ip;
                 if (p.name == mgmt_name) {
                     update_ifconf(doc, mgmt_name, ip, prefix, true);
                     update_ifconf(doc, "lo", ip, 32, false);
@@ -232,11 +242,16 @@ void interfaces_unit::set_ifconf(std::string_view name, const Document& request)
     else
         write(nullptr);
 
-    mgmt_ip_address = mgmt.ip;
-    mgmt_prefix_length = mgmt.prefix_length;
-    e28_ip_address = e28.ip;
-    e28_prefix_length = e28.prefix_length;
-    for (const auto& [addresses, port] : nft_updates) update_mgmt_nft(addresses, port);
+    if (e27_before) nft_undo.emplace_back(*e27_before, mgmt_ports::e27);
+    datastore_service::adopt(
+        addresses_, stored_addresses{mgmt.ip, mgmt.prefix_length, e28.ip, e28.prefix_length},
+        mutex_);
+    datastore_service::after_commit([this, nft_updates] { fill_mgmt_sets(nft_updates); },
+                                    [this, nft_undo] { fill_mgmt_sets(nft_undo); });
+}
+
+void interfaces_unit::fill_mgmt_sets(const nft_fills& fills) {
+    for (const auto& [addresses, port] : fills) update_mgmt_nft(addresses, port);
 }
 
 void interfaces_unit::update_ifconf(Document& doc, std::string_view name, std::string address,
@@ -264,9 +279,9 @@ Document interfaces_unit::get_ifconf_oper_ipv4(const std::string& name) {
     {
         std::lock_guard lock(mutex_);
         if (name == mgmt_name)
-            skip = e28_ip_address;
+            skip = addresses_.e28_ip;
         else if (name == sysrepo_common::MGMT_INTERFACE)
-            skip = mgmt_ip_address;
+            skip = addresses_.mgmt_ip;
     }
     address_pair found{"0.0.0.0", 0};
     for (const auto& a : addresses_of(yang_doc::interface_entry(oper, lookup)))
@@ -293,10 +308,7 @@ Document interfaces_unit::get_ifconf(const Document& doc, std::string_view name)
         own_e28_address(yang_doc::interface_entry(doc, sysrepo_common::MGMT_INTERFACE), mgmt.ip);
     {
         std::lock_guard lock(mutex_);
-        mgmt_ip_address = mgmt.ip;
-        mgmt_prefix_length = mgmt.prefix_length;
-        e28_ip_address = own.ip;
-        e28_prefix_length = own.prefix_length;
+        addresses_ = {mgmt.ip, mgmt.prefix_length, own.ip, own.prefix_length};
     }
     ospf_.adopt_router_id(mgmt.ip);
     Document out = settings_reply(mgmt);

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "datastore.hpp"
 #include "dh_api/dh_api.hpp"
@@ -47,6 +49,8 @@ class interfaces_unit {
     // Refills the set of `port` with `addresses` and saves its listing to the port's rule file.
     // A failing nft is logged and does not stop the caller.
     void update_mgmt_nft(const std::string& addresses, const mgmt_ports& port);
+    using nft_fills = std::vector<std::pair<std::string, mgmt_ports>>;
+    void fill_mgmt_sets(const nft_fills& fills);
 
     // The status values are registered by the node map; poll() and start-up push into them.
     std::map<std::string_view, sysrepo_ietf_ifaces_db>& status_nodes() { return ietf_ifaces; }
@@ -66,13 +70,17 @@ class interfaces_unit {
     datastore_service& ds_;
     ospf_unit& ospf_;
 
-    // Guards the four addresses; held by set_ifconf across its datastore edit.
+    // The last management address written or read and its prefix length; likewise for e28's own.
+    struct stored_addresses {
+        std::string mgmt_ip;
+        int mgmt_prefix_length = 0;
+        std::string e28_ip;
+        int e28_prefix_length = 0;
+    };
+
+    // Guards addresses_; held by set_ifconf across its datastore edit.
     std::mutex mutex_;
-    // Last management address written or read and its prefix length; likewise for e28's own.
-    std::string mgmt_ip_address;
-    int mgmt_prefix_length = 0;
-    std::string e28_ip_address;
-    int e28_prefix_length = 0;
+    stored_addresses addresses_;
 
     // Filled by the node map before the first poll, then never changed.
     std::map<std::string_view, sysrepo_ietf_ifaces_db> ietf_ifaces;

@@ -164,7 +164,9 @@ void ntp_unit::set_ntp_adminStatus(const std::string& status) {
         else
             enabled->value.SetBool(status == "up");
     });
-    restart_ntpd();
+    // After a batch's imports; should a later step fail, a second restart rereads the restored
+    // configuration.
+    datastore_service::after_commit([this] { restart_ntpd(); }, [this] { restart_ntpd(); });
 }
 
 std::string ntp_unit::get_ntp_server(const Document& doc, bool primary) {
@@ -186,7 +188,7 @@ void ntp_unit::set_ntp_server(bool primary, const std::string& address) {
 
     const char* role = role_name(primary);
     ds_.edit([&](Document& doc) { edit_server(doc, role, primary, address); });
-    restart_ntpd();
+    datastore_service::after_commit([this] { restart_ntpd(); }, [this] { restart_ntpd(); });
 }
 
 void ntp_unit::edit_server(Document& doc, const char* role, bool primary,

@@ -141,7 +141,7 @@ void ospf_unit::ospf_init() {
 
 void ospf_unit::regenerate(model m) {
     ds_.edit([&](Document& doc) { update_ospf_status(doc, m); });
-    model_ = std::move(m);
+    datastore_service::adopt(model_, std::move(m), mutex_);
 }
 
 void ospf_unit::set_ospf_area_id(const std::string& id) {
@@ -192,7 +192,7 @@ void ospf_unit::change_router_id(const std::string& id,
     model m = model_;
     m.router_id = id;
     write([&](Document& doc) { update_ospf_status(doc, m); });
-    model_ = std::move(m);
+    datastore_service::adopt(model_, std::move(m), mutex_);
 }
 
 void ospf_unit::adopt_router_id(const std::string& id) {
@@ -329,7 +329,7 @@ void ospf_unit::set_ospf_interface_metric(std::string_view name, unsigned int me
     ds_.edit([&](Document& doc) {
         for (const auto& n : names) _set_ospf_interface_metric(doc, m, n, metric);
     });
-    model_ = std::move(m);
+    datastore_service::adopt(model_, std::move(m), mutex_);
     MSG_LOG(6, "set_ospf_interface_metric")
         << fmt::format("End {} {}", name, metric) << msg_log::getCodeTrace(__FILE__, __LINE__);
 }
@@ -378,7 +378,7 @@ void ospf_unit::set_ospf_interface_passive(std::string_view name, bool passive) 
                 throw dh_error(
                     -22, "OSPF not possible to configure passive mode for interface '" + n + "'.");
     });
-    model_ = std::move(m);
+    datastore_service::adopt(model_, std::move(m), mutex_);
     MSG_LOG(6, "set_ospf_interface_passive")
         << fmt::format("End {} {}", name, passive) << msg_log::getCodeTrace(__FILE__, __LINE__);
 }
@@ -454,7 +454,7 @@ void ospf_unit::set_ospf_if_adminStatus(std::string_view name, const std::string
         _update_ospf_tunnel_mode(m, key);
         update_ospf_status(doc, m);
     });
-    model_ = std::move(m);
+    datastore_service::adopt(model_, std::move(m), mutex_);
     MSG_LOG(6, channel) << fmt::format("End {} {}", name, status)
                         << msg_log::getCodeTrace(__FILE__, __LINE__);
 }

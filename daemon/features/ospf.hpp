@@ -16,7 +16,9 @@ enum class tunnel_mode_t : int { none = 0, tunnel = 1, port = 2 };
 
 // The OSPF instance and its per-interface settings. The datastore's OSPF entry is generated from
 // the in-memory model; a setter works on a copy of the model and adopts it only after the
-// datastore took the generated entry, so a failed write leaves the model as it was.
+// datastore took the generated entry, so a failed write leaves the model as it was. Inside a
+// write batch the model is adopted at once, so that the batch's next OSPF write builds on it,
+// and put back if the batch fails.
 class ospf_unit {
   public:
     // Writes the OSPF entry generated from a candidate model into a document.

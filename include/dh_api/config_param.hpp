@@ -16,6 +16,7 @@
 #include "dh_db.hpp"
 #include "dh_node.hpp"
 #include "msg_log.hpp"
+#include "write_batch.hpp"
 
 namespace dh::api {
 
@@ -111,27 +112,27 @@ class config_param : public dh_db_event_node {
         write_value(allocator, out);
     }
 
+    // Inside a write batch (write_batch::current()) a failure of M leaves the parameter as it
+    // was, since the batch changed nothing, and the value is adopted, with its event, only when
+    // the batch commits.
     void set(std::string_view, const Value& value) override {
         std::lock_guard lock(mutex_);
         value_type v = from_json<value_type>(value);
         if (value_ && !failed_ && same_value(*value_, v)) return;
-        failed_ = true;
-        if constexpr (is_mutable_ref_v<client_param_t<M>>) {
-            // M may change its argument; the stored value is the one the client wrote.
-            value_type arg = copy_of(v);
-            method_.call(arg);
-        } else {
-            method_.call(std::as_const(v));
+        if (write_batch::current()) {
+            call(v);
+            auto self = std::static_pointer_cast<config_param>(shared_from_this());
+            write_batch::on_success([self, kept = std::make_shared<value_type>(std::move(v))] {
+                std::lock_guard lock(self->mutex_);
+                self->failed_ = false;
+                self->adopt(std::move(*kept));
+            });
+            return;
         }
+        failed_ = true;
+        call(v);
         failed_ = false;
-        const bool changed = !value_ || !same_value(*value_, v);
-        value_ = std::move(v);
-        if (!changed) return;
-        Document event = create_value_changed_event();
-        event.AddMember("value", to_json_value(*value_, event.GetAllocator()),
-                        event.GetAllocator());
-        send_event_impl(std::move(event));
-        db().append_to_history(*this);
+        adopt(std::move(v));
     }
 
     void reset() override {
@@ -183,6 +184,29 @@ class config_param : public dh_db_event_node {
     }
 
   private:
+    // mutex_ held.
+    void call(const value_type& v) {
+        if constexpr (is_mutable_ref_v<client_param_t<M>>) {
+            // M may change its argument; the stored value is the one the client wrote.
+            value_type arg = copy_of(v);
+            method_.call(arg);
+        } else {
+            method_.call(v);
+        }
+    }
+
+    // mutex_ held. Keeps a value written successfully and tells about a change.
+    void adopt(value_type v) {
+        const bool changed = !value_ || !same_value(*value_, v);
+        value_ = std::move(v);
+        if (!changed) return;
+        Document event = create_value_changed_event();
+        event.AddMember("value", to_json_value(*value_, event.GetAllocator()),
+                        event.GetAllocator());
+        send_event_impl(std::move(event));
+        db().append_to_history(*this);
+    }
+
     // mutex_ held. A read of a set value logs one warning if the parameter was created unset.
     void write_value(Allocator& allocator, Value& out) {
         if (!value_) {

@@ -23,7 +23,7 @@ class StartupTest(unittest.TestCase):
         self.assertIs(watcher.subscribe("data/configStatus"), True)
         self.assertIs(watcher.wait_event("data/configStatus")["value"], True)
 
-        self.assertEqual(len({leaf["path"] for leaf in dev.call("list", {"path": ""})}), 523)
+        self.assertEqual(len({leaf["path"] for leaf in dev.call("list", {"path": ""})}), 524)
         self.assertEqual((dev.get("data/fwVersion"), dev.get("data/containerVersion")),
                          ("2.3.1", "qmx-dh-container 1.0.0"))
         self.assertEqual(dev.get("config/automationMode"), "managedILA")

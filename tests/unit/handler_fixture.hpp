@@ -26,6 +26,7 @@
 #include "msg_log.hpp"
 #include "sysrepo_common.hpp"
 #include "sysrepo_device_handler.hpp"
+#include "write_batch.hpp"
 
 using namespace std::chrono_literals;
 
@@ -241,6 +242,23 @@ class handler_test : public testing::Test {
         root.write("/etc/image/image_name.txt", " qmx-dh-container 1.0.0 \n");
         fake->on("ethtool", fake_executor::reply{256, ""});
         handler->start();
+    }
+
+    using updates = std::vector<std::pair<std::string, std::string>>;  // path, JSON value
+
+    // Sets the nodes in one write batch, as set_many does: "ok", or the failed update's index
+    // followed by its error as error_of() gives it.
+    std::string write_together(const updates& list) {
+        dh::write_batch batch;
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            batch.begin_update(i);
+            const Document value = parse(list[i].second);
+            const auto error =
+                error_of([&] { db.find_leaf_node(list[i].first)->set(list[i].first, value); });
+            if (error != "no error") return std::to_string(i) + " " + error;
+        }
+        const auto error = error_of([&] { batch.commit(); });
+        return error == "no error" ? "ok" : std::to_string(batch.failed_index()) + " " + error;
     }
 
     static const dh::Value* at(const dh::Value& doc, const std::string& pointer) {

@@ -254,8 +254,11 @@ class server_fixture : public ::testing::Test {
         gate = add<gated_node>(api_->db);
         add<tricky_node>(api_->db, "data/broken", false);
         add<tricky_node>(api_->db, "command/echo", true);
+        before_start();
         thread_ = std::thread([this] { api_->start(); });
     }
+    // For fixtures that add to the server before it serves.
+    virtual void before_start() {}
     void TearDown() override {
         gate->open();
         api_->stop();

@@ -1,0 +1,175 @@
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <fmt/format.h>
+
+#include "commit_service.hpp"
+#include "server_test_support.hpp"
+#include "write_batch.hpp"
+
+// set_many and confirmed commits through the server: all updates or none, refusals before
+// anything runs, and the program's commit service behind confirm_timeout and confirm.
+
+namespace server_test {
+
+// A unit whose setters check the value and keep their change on the host as an effect.
+class unit {
+  public:
+    void set_text(std::string_view name, const std::string& value) {
+        if (value == "bad") throw dh_error(-22, "Refused: bad");
+        dh::write_batch::after_commit([this, what = fmt::format("{}={}", name, value)] {
+            std::lock_guard lock(mutex);
+            effects.push_back(what);
+        });
+    }
+    void set_number(int) {}
+
+    std::mutex mutex;
+    std::vector<std::string> effects;
+};
+
+// Confirmed commits as a program keeps them, reduced to what the server hands over.
+class fake_commits : public dh::commit_service {
+  public:
+    void check_write_allowed() override {
+        std::lock_guard lock(mutex);
+        if (pending) throw dh_error(-16, "Pending");
+    }
+    std::string commit_confirmed(const std::vector<std::shared_ptr<dh_db_leaf_node>>& nodes,
+                                 std::chrono::seconds timeout,
+                                 const std::function<void()>& apply) override {
+        apply();
+        std::lock_guard lock(mutex);
+        for (const auto& n : nodes) committed += n->get_path(0) + " ";
+        committed += std::to_string(timeout.count());
+        pending = true;
+        return "t1";
+    }
+    void confirm(std::string_view token) override {
+        std::lock_guard lock(mutex);
+        if (token != "t1") throw dh_error(-22, "Unknown commit token");
+        pending = false;
+    }
+
+    std::mutex mutex;
+    bool pending = false;
+    std::string committed;
+};
+
+namespace {
+
+std::string req(const std::string& id, const std::string& method, const std::string& params) {
+    return fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"{}","params":{}}})", id, method,
+                       params);
+}
+
+class server_writes : public server_fixture {
+  protected:
+    void before_start() override {
+        api_->set_commit_service(commits);
+        for (const char* name : {"a", "b"})
+            dh::api::config_param<&unit::set_text>::create(api_->db, fmt::format("config/{}", name),
+                                                           owner, {}, name)
+                ->allow_in_batches();
+        dh::api::config_param<&unit::set_number>::create(api_->db, "config/n", owner, {})
+            ->allow_in_batches();
+    }
+
+    std::vector<std::string> effects() {
+        std::lock_guard lock(owner->mutex);
+        return owner->effects;
+    }
+
+    std::shared_ptr<unit> owner = std::make_shared<unit>();
+    std::shared_ptr<fake_commits> commits = std::make_shared<fake_commits>();
+};
+
+TEST_F(server_writes, SetManyWritesAllOrNothing) {
+    auto c = connect();
+    EXPECT_EQ(to_json_text(call(c, req("1", "subscribe", R"({"path":"config/a"})"))["result"]),
+              "null");
+    EXPECT_TRUE(c.send_line(req("2", "set_many",
+                                R"({"updates":[{"path":"config/a","value":"x"},)"
+                                R"({"path":"/config/b/","value":"y"}]})")));
+    auto first = c.read_json();
+    auto second = c.read_json();
+    if (first.HasMember("id")) std::swap(first, second);
+    EXPECT_EQ(to_json_text(second), R"({"jsonrpc":"2.0","id":2,"result":null})");
+    EXPECT_EQ(std::string(first["params"]["value"].GetString()), "x");
+    EXPECT_EQ(effects(), (std::vector<std::string>{"a=x", "b=y"}));
+
+    auto r = call(c, req("3", "set_many",
+                         R"({"updates":[{"path":"config/a","value":"z"},)"
+                         R"({"path":"config/b","value":"bad"}]})"));
+    EXPECT_EQ(to_json_text(r["error"]),
+              R"({"code":-22,"message":"Refused: bad","data":{"index":1,"path":"config/b"}})");
+    EXPECT_EQ(effects().size(), 2u);
+    // No event for the update that was not kept: the next line is the answer to the get.
+    EXPECT_EQ(to_json_text(call(c, req("4", "get", R"({"path":"config/a"})"))),
+              R"({"jsonrpc":"2.0","id":4,"result":"x"})");
+}
+
+TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
+    // The server holds the program's commit service weakly; without it there are no confirmed
+    // commits.
+    commits.reset();
+    auto c = connect();
+    const std::pair<std::string, std::string> refused[] = {
+        {R"({"updates":[]})", R"({"code":-32602,"message":"Invalid params"})"},
+        {R"({"updates":{"path":"config/a","value":"x"}})",
+         R"({"code":-32602,"message":"Invalid params"})"},
+        {R"({"updates":[{"path":"config/a"}]})", R"({"code":-32602,"message":"Invalid params"})"},
+        {R"({"updates":[{"path":"config/a","value":"x"},{"path":"no/leaf","value":1}]})",
+         R"({"code":-32001,"message":"No such node: no/leaf","data":{"index":1,"path":"no/leaf"}})"},
+        {R"({"updates":[{"path":"config/a","value":"x"},{"path":"/config/a","value":"y"}]})",
+         R"({"code":-32602,"message":"Invalid params","data":{"index":1,"path":"/config/a"}})"},
+        {R"({"updates":[{"path":"config/ntp/server","value":"x"}]})",
+         R"({"code":-95,"message":"Operation not supported in set_many or with )"
+         R"(confirm_timeout: config/ntp/server","data":{"index":0,"path":"config/ntp/server"}})"},
+        {R"({"updates":[{"path":"config/a","value":"x"},{"path":"config/n","value":"x"}]})",
+         R"({"code":-22,"message":"Invalid value type: expected int, got string","data":)"
+         R"({"expected":"int","actual":"string","index":1,"path":"config/n"}})"},
+        {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":0})",
+         R"({"code":-32602,"message":"Invalid params"})"},
+        {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":3601})",
+         R"({"code":-32602,"message":"Invalid params"})"},
+        {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":"5"})",
+         R"({"code":-32602,"message":"Invalid params"})"},
+        {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":5})",
+         R"({"code":-95,"message":"Operation not supported"})"},
+    };
+    for (const auto& [params, error] : refused)
+        EXPECT_EQ(to_json_text(call(c, req("1", "set_many", params))["error"]), error) << params;
+    EXPECT_EQ(to_json_text(call(c, req("2", "confirm", R"({"token":"t1"})"))["error"]),
+              R"({"code":-95,"message":"Operation not supported"})");
+    EXPECT_TRUE(effects().empty());
+    EXPECT_EQ(to_json_text(call(c, req("3", "get", R"({"path":"config/a"})"))["result"]), "null");
+}
+
+TEST_F(server_writes, ConfirmedCommitsGoThroughTheProgramsService) {
+    auto c = connect();
+    EXPECT_EQ(to_json_text(call(
+                  c, req("1", "set", R"({"path":"config/a","value":"x","confirm_timeout":30})"))),
+              R"({"jsonrpc":"2.0","id":1,"result":{"token":"t1"}})");
+    EXPECT_EQ(commits->committed, "config/a 30");
+    EXPECT_EQ(effects(), std::vector<std::string>{"a=x"});
+
+    // Every other write waits for the confirmation.
+    const std::string writes[] = {
+        req("2", "set", R"({"path":"config/a","value":"y"})"),
+        req("2", "set", R"({"path":"config/ntp/server","value":"y"})"),
+        req("2", "set_many", R"({"updates":[{"path":"config/b","value":"y"}]})"),
+        req("2", "run", R"({"path":"command/echo"})")};
+    for (const auto& w : writes)
+        EXPECT_EQ(to_json_text(call(c, w)["error"]), R"({"code":-16,"message":"Pending"})") << w;
+    EXPECT_EQ(to_json_text(call(c, req("3", "confirm", R"({"token":"t2"})"))["error"]),
+              R"({"code":-22,"message":"Unknown commit token"})");
+    EXPECT_EQ(to_json_text(call(c, req("4", "confirm", R"({"token":"t1"})"))),
+              R"({"jsonrpc":"2.0","id":4,"result":null})");
+    EXPECT_EQ(to_json_text(call(c, req("5", "set", R"({"path":"config/a","value":"y"})"))),
+              R"({"jsonrpc":"2.0","id":5,"result":null})");
+}
+
+}  // namespace
+}  // namespace server_test
