@@ -35,7 +35,7 @@ def wait_until(condition, timeout=10.0, message=None):
 class RpcError(Exception):
     def __init__(self, error):
         super().__init__("%s (%s)" % (error.get("message"), error.get("code")))
-        self.code, self.message = error.get("code"), error.get("message")
+        self.code, self.message, self.data = error.get("code"), error.get("message"), error.get("data")
 
 
 class Client:

@@ -1,6 +1,7 @@
 """dhctl for people against a daemon in the simulated device: units after numbers, the live
-table of `watch --table`, the versions of both programs, and the bash completion of commands,
-options and node paths (from the daemon's list, cached for a few seconds per user)."""
+table of `watch --table`, the versions of both programs, several PATH VALUE pairs and confirmed
+commits, and the bash completion of commands, options and node paths (from the daemon's list,
+cached for a few seconds per user)."""
 
 import os
 import re
@@ -67,6 +68,26 @@ class DhctlTest(unittest.TestCase):
         watcher.send_signal(signal.SIGTERM)
         self.assertEqual(watcher.wait(timeout=5), 0)
 
+    def test_several_pairs_and_confirmed_commits(self):
+        mark = self.dev.mark()
+        self.assertEqual(self.dhctl("set", "config/ntp/primaryServer", "198.51.100.1",
+                                    "config/ospf/e4/metric", "20"), "")
+        imports = [e for e in self.dev.commands(mark, program="sysrepocfg") if "--import" in e["argv"]]
+        self.assertEqual((len(imports), self.dev.get("config/ospf/e4/metric")), (2, 20))
+
+        token = self.dhctl("--confirm", "60", "set", "config/ntp/secondaryServer", "198.51.100.2").strip()
+        self.assertRegex(token, "^[0-9a-f]{32}$")
+        self.assertEqual(self.dev.get("data/commitStatus")["state"], "pending")
+        self.assertEqual(self.dhctl("confirm", token), "")
+        self.assertEqual(self.dev.get("data/commitStatus")["state"], "confirmed")
+        self.assertEqual(self.dev.get("config/ntp/secondaryServer"), "198.51.100.2")
+
+        for usage in (["set", "config/ntp/primaryServer", "1.1.1.1", "config/ospf/e4/metric"],
+                      ["--confirm", "0", "set", "config/ntp/primaryServer", "1.1.1.1"],
+                      ["--confirm", "5", "get", "config/ntp/primaryServer"]):
+            r = subprocess.run([DHCTL] + usage, env=self.env, capture_output=True, text=True, timeout=30)
+            self.assertEqual(r.returncode, 2, usage)
+
     def test_completion(self):
         cache_home = tempfile.mkdtemp(prefix="dhctl-completion-")
         self.addCleanup(shutil.rmtree, cache_home)
@@ -89,8 +110,11 @@ class DhctlTest(unittest.TestCase):
         self.assertEqual(complete("dhctl get data/e13/sfp/rx"),
                          ["data/e13/sfp/rxPower", "data/e13/sfp/rxPowerLowWarningThreshold"])
         self.assertEqual(complete("dhctl watch data/e13/sfp/rxPower data/e14/sfp/tx"), ["data/e14/sfp/txPower"])
-        # A set takes one path: its value is not completed from the tree.
+        # A set takes PATH VALUE pairs: values are not completed from the tree, paths are.
         self.assertEqual(complete("dhctl set config/ntp/adminStatus conf"), [])
+        self.assertEqual(complete("dhctl set config/ntp/adminStatus up config/ntp/pri"),
+                         ["config/ntp/primaryServer"])
+        self.assertEqual(complete("dhctl con"), ["confirm"])
         self.assertEqual(complete("dhctl get ", socket=self.dev.path("sock", "nothing.sock")), [])
 
         # The list just fetched is used for a few seconds, then asked for again.

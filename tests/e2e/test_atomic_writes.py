@@ -1,0 +1,137 @@
+"""set_many and confirmed commits in the simulated device: one export and one import of each
+datastore for several updates, nothing changed when one of them is refused, and a commit that is
+not confirmed rolled back at its timeout or at the daemon's next start."""
+
+import json
+import time
+import unittest
+
+import dhtest
+from dhtest import wait_until
+
+MGMT_SET = ("nft", "-j", "list", "set", "inet", "filter", "mgmt_ip_addresses")
+STATE_FILE = "/var/persistent/etc/device-handler/pending-commit.json"
+OLD_MGMT = {"ipAddress": "192.0.2.10", "netmask": "255.255.255.0"}
+NEW_MGMT = {"ipAddress": "192.0.2.20", "netmask": "255.255.255.0"}
+
+
+def datastore_runs(dev, since):
+    """(exports of running or startup, imports) among the sysrepocfg runs after since."""
+    exports = imports = 0
+    for e in dev.commands(since, program="sysrepocfg"):
+        argv = e["argv"]
+        ds = argv[argv.index("-d") + 1] if "-d" in argv else ""
+        exports += "--export" in argv and ds in ("running", "startup")
+        imports += "--import" in argv
+    return exports, imports
+
+
+def mgmt_addresses(dev):
+    found = json.loads(dev.exec(*MGMT_SET).stdout)
+    return [e for e in found["nftables"][1]["set"].get("elem", [])]
+
+
+def error_of(call):
+    try:
+        call()
+    except dhtest.RpcError as e:
+        return e.code, e.message, e.data
+    raise AssertionError("accepted")
+
+
+class AtomicWritesTest(unittest.TestCase):
+    def test_set_many_is_one_write_and_all_or_nothing(self):
+        dev = dhtest.Device(self)
+        mark = dev.mark()
+        self.assertIsNone(dev.call("set_many", {"updates": [
+            {"path": "config/ntp/primaryServer", "value": "198.51.100.1"},
+            {"path": "config/dnsSettings", "value": {"primaryDnsIpAddress": "198.51.100.53"}},
+            {"path": "config/ospf/e4/metric", "value": 20}]}))
+        self.assertEqual(datastore_runs(dev, mark), (1, 2))
+        for name in ("running", "startup"):
+            system = dev.datastore(name)["ietf-system:system"]
+            self.assertEqual(system["ntp"]["server"][0]["udp"]["address"], "198.51.100.1", name)
+            self.assertEqual(system["dns-resolver"]["server"], [
+                {"name": "primary", "udp-and-tcp": {"address": "198.51.100.53"}}], name)
+        self.assertEqual(dev.exec("cat", "/etc/resolv.conf").stdout,
+                         "nameserver 198.51.100.53\noptions edns0 trust-ad\n")
+
+        # The third update is refused: neither datastore, nor the firewall set, nor the resolver
+        # file changes, and no parameter takes the refused values.
+        before = {name: dev.read("datastore/%s.json" % name) for name in ("running", "startup")}
+        resolv = dev.exec("cat", "/etc/resolv.conf").stdout
+        firewall = mgmt_addresses(dev)
+        mark = dev.mark()
+        self.assertEqual(error_of(lambda: dev.call("set_many", {"updates": [
+            {"path": "config/e28/ipv4Settings", "value": NEW_MGMT},
+            {"path": "config/dnsSettings", "value": {"primaryDnsIpAddress": "198.51.100.54"}},
+            {"path": "config/ntp/primaryServer", "value": "no host!"}]})),
+            (-22, "Invalid NTP server address: no host!", {"index": 2, "path": "config/ntp/primaryServer"}))
+        self.assertEqual({name: dev.read("datastore/%s.json" % name) for name in before}, before)
+        self.assertEqual(mgmt_addresses(dev), firewall)
+        self.assertEqual(dev.exec("cat", "/etc/resolv.conf").stdout, resolv)
+        self.assertEqual(datastore_runs(dev, mark)[1], 0)
+        self.assertEqual(dev.get("config/e28/ipv4Settings")["ipAddress"], "192.0.2.10")
+
+        # Parameters whose setter is not a datastore edit are refused up front.
+        self.assertEqual(error_of(lambda: dev.call("set_many", {"updates": [
+            {"path": "config/ntp/adminStatus", "value": "down"},
+            {"path": "config/acl/adminStatus", "value": "down"}]}))[:2],
+            (-95, "Operation not supported in set_many or with confirm_timeout: config/acl/adminStatus"))
+        self.assertTrue(dev.datastore("running")["ietf-system:system"]["ntp"]["enabled"])
+
+    def test_a_management_address_change_is_rolled_back_unless_confirmed(self):
+        dev = dhtest.Device(self)
+        watcher = dev.connect()
+        self.addCleanup(watcher.sock.close)
+        self.assertEqual(watcher.subscribe("data/commitStatus"), {"state": "idle"})
+        before = {name: dev.datastore(name) for name in ("running", "startup")}
+
+        token = dev.call("set", {"path": "config/e28/ipv4Settings", "value": NEW_MGMT, "confirm_timeout": 2})["token"]
+        self.assertRegex(token, "^[0-9a-f]{32}$")
+        self.assertEqual(mgmt_addresses(dev), ["192.0.2.20"])
+        self.assertEqual(dev.datastore("startup")["ietf-interfaces:interfaces"], dev.datastore("running")["ietf-interfaces:interfaces"])
+        self.assertNotEqual(dev.datastore("running"), before["running"])
+        self.assertEqual(error_of(lambda: dev.set("config/ntp/adminStatus", "down"))[:2],
+                         (-16, "A confirmed commit awaits confirmation: confirm it or wait for its rollback"))
+
+        event = watcher.wait_event("data/commitStatus", lambda v: v["state"] == "rolledBack", timeout=10)
+        self.assertEqual(event["value"], {"state": "rolledBack", "token": token,
+                                          "paths": ["config/e28/ipv4Settings"], "reason": "timeout"})
+        self.assertEqual({name: dev.datastore(name) for name in before}, before)
+        self.assertEqual(mgmt_addresses(dev), ["192.0.2.10"])
+        self.assertEqual(dev.get("config/e28/ipv4Settings")["ipAddress"], "192.0.2.10")
+        self.assertIn("rolling back", dev.log())
+
+        # Confirmed in time, the change stays past its timeout.
+        token = dev.call("set", {"path": "config/e28/ipv4Settings", "value": NEW_MGMT, "confirm_timeout": 2})["token"]
+        self.assertEqual(error_of(lambda: dev.call("confirm", {"token": "0" * 32}))[:2], (-22, "Unknown commit token"))
+        self.assertIsNone(dev.call("confirm", {"token": token}))
+        watcher.wait_event("data/commitStatus", lambda v: v["state"] == "confirmed")
+        time.sleep(3)  # the daemon's own clock: past the timeout
+        self.assertEqual(mgmt_addresses(dev), ["192.0.2.20"])
+        self.assertEqual(dev.get("config/e28/ipv4Settings")["ipAddress"], "192.0.2.20")
+        self.assertEqual(dev.datastore("startup")["ietf-interfaces:interfaces"], dev.datastore("running")["ietf-interfaces:interfaces"])
+
+    def test_a_restart_rolls_back_a_pending_commit(self):
+        dev = dhtest.Device(self)
+        before = {name: dev.datastore(name) for name in ("running", "startup")}
+        token = dev.call("set_many", {"updates": [
+            {"path": "config/ntp/primaryServer", "value": "198.51.100.1"},
+            {"path": "config/dnsSettings", "value": {"primaryDnsIpAddress": "198.51.100.53"}}],
+            "confirm_timeout": 3600})["token"]
+        self.assertEqual(dev.exec("test", "-f", STATE_FILE).returncode, 0)
+        self.assertNotEqual(dev.datastore("startup"), before["startup"])
+
+        dev.restart()
+        self.assertEqual({name: dev.datastore(name) for name in before}, before)
+        self.assertEqual(dev.get("config/ntp/primaryServer"), "192.0.2.123")
+        self.assertEqual(dev.get("data/commitStatus"), {
+            "state": "rolledBack", "token": token, "reason": "restart",
+            "paths": ["config/ntp/primaryServer", "config/dnsSettings"]})
+        self.assertNotIn("198.51.100.53", dev.exec("cat", "/etc/resolv.conf").stdout)
+        self.assertNotEqual(dev.exec("test", "-f", STATE_FILE).returncode, 0)
+
+
+if __name__ == "__main__":
+    dhtest.main()
