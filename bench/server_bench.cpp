@@ -68,7 +68,6 @@ class counter : public dh_db_event_node {
         auto event = create_value_changed_event();
         event.AddMember("value", v, event.GetAllocator());
         send_event_impl(std::move(event));
-        db().append_to_history(*this);
     }
     std::string get_info() override { return "status value (read,subscribe)"; }
 
