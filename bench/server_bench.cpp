@@ -1,8 +1,13 @@
 // Measures the framework server on its Unix socket: request rate and latency of `get` on
 // immediate nodes with C connections that each wait for their answer before the next request,
-// and the time an event takes to reach 100 subscribers. See bench/RESULTS.md.
+// pattern reads against single reads of the same leaves, and the time an event takes to reach
+// 100 subscribers. See bench/RESULTS.md.
 //
 // Usage: dh_bench_server [requests per run (default 200000)] [fan-out changes (default 1000)]
+//        dh_bench_server subscriptions single|pattern
+//          100 connections each subscribing to 100 leaves with 100 requests or one pattern,
+//          then 2,000 changes: requests, memory and bytes per event (one mode per process, so
+//          that the resident size of one does not hide the other's).
 
 #include <fcntl.h>
 #include <sys/epoll.h>
@@ -68,7 +73,6 @@ class counter : public dh_db_event_node {
         auto event = create_value_changed_event();
         event.AddMember("value", v, event.GetAllocator());
         send_event_impl(std::move(event));
-        db().append_to_history(*this);
     }
     std::string get_info() override { return "status value (read,subscribe)"; }
 
@@ -131,7 +135,8 @@ struct get_result {
 
 // C connections, each sending `get` for the next node only after its previous answer arrived;
 // one thread drives them all through epoll, as redis-benchmark does.
-get_result run_gets(const std::string& socket_path, int connections, std::size_t total) {
+get_result run_gets(const std::string& socket_path, int connections, std::size_t total,
+                    const std::vector<std::string>& requests, std::string_view expected) {
     struct conn {
         int fd;
         std::size_t next_node;
@@ -139,18 +144,11 @@ get_result run_gets(const std::string& socket_path, int connections, std::size_t
         std::size_t have = 0;
         char buf[4096];
     };
-    std::vector<std::string> requests;
-    for (int i = 0; i < 500; ++i)
-        requests.push_back(fmt::format(
-            R"({{"jsonrpc":"2.0","id":{},"method":"get","params":{{"path":"bench/node/{}"}}}})"
-            "\n",
-            i, i));
-
     std::vector<conn> conns(static_cast<std::size_t>(connections));
     const int ep = ::epoll_create1(0);
     for (std::size_t i = 0; i < conns.size(); ++i) {
         conns[i].fd = connect_unix(socket_path);
-        conns[i].next_node = (i * 37) % 500;
+        conns[i].next_node = (i * 37) % requests.size();
         ::fcntl(conns[i].fd, F_SETFL, ::fcntl(conns[i].fd, F_GETFL) | O_NONBLOCK);
         epoll_event ev{};
         ev.events = EPOLLIN;
@@ -164,7 +162,7 @@ get_result run_gets(const std::string& socket_path, int connections, std::size_t
     auto issue = [&](conn& c) {
         c.sent_at = now_ns();
         send_all(c.fd, requests[c.next_node]);
-        c.next_node = (c.next_node + 1) % 500;
+        c.next_node = (c.next_node + 1) % requests.size();
         ++issued;
     };
     const auto start = clock_type::now();
@@ -185,8 +183,7 @@ get_result run_gets(const std::string& socket_path, int connections, std::size_t
             if (c.buf[c.have - 1] != '\n') continue;
             latencies.push_back(static_cast<std::uint32_t>(
                 std::min<std::uint64_t>(now_ns() - c.sent_at, UINT32_MAX)));
-            static constexpr char expected[] = "\"result\":\"value of node ";
-            if (!::memmem(c.buf, c.have, expected, sizeof expected - 1)) ++errors;
+            if (!::memmem(c.buf, c.have, expected.data(), expected.size())) ++errors;
             c.have = 0;
             if (issued < total) issue(c);
         }
@@ -280,34 +277,169 @@ percentiles run_fanout(const std::string& socket_path, counter& node, int subscr
     return summarise(latencies);
 }
 
+// 100 subscribers on the Unix socket: more than its default budget of 64.
+dh::server::options bench_options() {
+    dh::server::options o;
+    o.max_local_connections = 1000;
+    return o;
+}
+
+std::vector<std::string> get_requests(const std::vector<std::string>& paths) {
+    std::vector<std::string> out;
+    for (std::size_t i = 0; i < paths.size(); ++i)
+        out.push_back(
+            fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"get","params":{{"path":"{}"}}}})"
+                        "\n",
+                        i, paths[i]));
+    return out;
+}
+
+// Sixteen ports with ten leaves each, as the daemon's data/eN/... leaves: the pattern reads walk
+// all of them and answer one leaf of each port.
+void add_ports(dh_db& db) {
+    for (int port = 1; port <= 16; ++port)
+        for (const char* leaf :
+             {"adminStatus", "bridgePort", "ipv4Settings", "linkMediaType", "linkStatus",
+              "lldp/neighbours", "macAddress", "mode", "sfp/rxPower", "sfp/txPower"})
+            db.add_node(
+                std::make_shared<const_text>(db, fmt::format("data/e{}/{}", port, leaf), "up"));
+}
+
+long rss_kib() {
+    std::FILE* f = std::fopen("/proc/self/status", "r");
+    char line[256];
+    long kib = -1;
+    while (f && std::fgets(line, sizeof line, f))
+        if (std::sscanf(line, "VmRSS: %ld kB", &kib) == 1) break;
+    if (f) std::fclose(f);
+    return kib;
+}
+
+// 100 connections subscribe to the 100 leaves bench/sub/N, one request per leaf or one pattern;
+// then every leaf changes 20 times while a thread reads every connection.
+int run_subscriptions(bool pattern) {
+    constexpr int connections = 100, leaves = 100, rounds = 20;
+    std::string dir = (std::filesystem::temp_directory_path() / "dh-bench-XXXXXX").string();
+    if (!::mkdtemp(dir.data())) return 1;
+    {
+        device_handler_api api(dir, 0, true, bench_options());
+        std::vector<std::shared_ptr<counter>> nodes;
+        for (int i = 0; i < leaves; ++i) {
+            nodes.push_back(std::make_shared<counter>(api.db, fmt::format("bench/sub/{}", i)));
+            api.db.add_node(nodes.back());
+        }
+        std::thread serving([&] { api.start(); });
+        const long before = rss_kib();
+        std::vector<int> fds;
+        std::size_t requests = 0;
+        for (int c = 0; c < connections; ++c) {
+            const int fd = connect_unix(api.socket_path());
+            const int n = pattern ? 1 : leaves;
+            for (int i = 0; i < n; ++i) {
+                const std::string path = pattern ? "bench/sub/*" : fmt::format("bench/sub/{}", i);
+                send_all(fd, fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"subscribe",)"
+                                         R"("params":{{"path":"{}"}}}})"
+                                         "\n",
+                                         i, path));
+                ++requests;
+                if (read_line(fd).find("\"result\"") == std::string::npos)
+                    throw std::runtime_error("subscribe failed");
+            }
+            ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+            fds.push_back(fd);
+        }
+        const long subscribed = rss_kib();
+
+        const std::size_t expected = std::size_t{connections} * leaves * rounds;
+        std::atomic<std::size_t> lines{0}, bytes{0};
+        std::thread reader([&] {
+            char buf[65536];
+            while (lines.load() < expected) {
+                for (int fd : fds) {
+                    const ssize_t got = ::recv(fd, buf, sizeof buf, 0);
+                    if (got <= 0) continue;
+                    bytes += static_cast<std::size_t>(got);
+                    lines += static_cast<std::size_t>(std::count(buf, buf + got, '\n'));
+                }
+            }
+        });
+        for (int r = 1; r <= rounds; ++r)
+            for (auto& n : nodes) n->change(static_cast<std::uint64_t>(r));
+        reader.join();
+        const long after = rss_kib();
+        std::printf(
+            "%-8s %3d connections x %3d leaves: %5zu subscribe requests, RSS %+6ld KiB "
+            "subscribing, %+6ld KiB over %zu events, %.1f bytes per event\n",
+            pattern ? "pattern" : "single", connections, leaves, requests, subscribed - before,
+            after - subscribed, expected,
+            static_cast<double>(bytes.load()) / static_cast<double>(expected));
+        for (int fd : fds) ::close(fd);
+        api.stop();
+        serving.join();
+    }
+    std::filesystem::remove_all(dir);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 2 && std::string_view(argv[1]) == "subscriptions")
+        return run_subscriptions(std::string_view(argv[2]) == "pattern");
     const std::size_t requests = argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 200000;
     const std::size_t changes = argc > 2 ? std::strtoull(argv[2], nullptr, 10) : 1000;
 
     std::string dir = (std::filesystem::temp_directory_path() / "dh-bench-XXXXXX").string();
     if (!::mkdtemp(dir.data())) return 1;
     {
-        device_handler_api api(dir, 0, true);
-        for (int i = 0; i < 500; ++i)
-            api.db.add_node(std::make_shared<const_text>(api.db, fmt::format("bench/node/{}", i),
+        device_handler_api api(dir, 0, true, bench_options());
+        std::vector<std::string> node_paths;
+        for (int i = 0; i < 500; ++i) {
+            node_paths.push_back(fmt::format("bench/node/{}", i));
+            api.db.add_node(std::make_shared<const_text>(api.db, node_paths.back(),
                                                          fmt::format("value of node {}", i)));
+        }
+        add_ports(api.db);
         auto fanout = std::make_shared<counter>(api.db, "bench/fanout");
         api.db.add_node(fanout);
         std::thread serving([&] { api.start(); });
 
-        run_gets(api.socket_path(), 10, std::min<std::size_t>(requests, 20000));  // warm-up
+        const auto node_gets = get_requests(node_paths);
+        constexpr std::string_view node_answer = "\"result\":\"value of node ";
+        run_gets(api.socket_path(), 10, std::min<std::size_t>(requests, 20000), node_gets,
+                 node_answer);  // warm-up
         std::printf("get, %zu requests per run, Unix socket\n", requests);
         std::printf("%12s %14s %10s %10s %8s\n", "connections", "requests/s", "p50 us", "p99 us",
                     "errors");
         for (int c : {1, 50}) {
-            const auto r = run_gets(api.socket_path(), c, requests);
+            const auto r = run_gets(api.socket_path(), c, requests, node_gets, node_answer);
             std::printf("%12d %14.0f %10.1f %10.1f %8zu\n", c, r.requests_per_second,
                         r.latency.p50_us, r.latency.p99_us, r.errors);
         }
+
+        std::vector<std::string> link_paths;
+        for (int port = 1; port <= 16; ++port)
+            link_paths.push_back(fmt::format("data/e{}/linkStatus", port));
+        std::printf("\nsingle and pattern reads, %zu nodes, 50 connections, %zu requests each\n",
+                    api.db.size(), requests / 4);
+        std::printf("%-22s %7s %14s %10s %10s %8s\n", "path", "leaves", "requests/s", "p50 us",
+                    "p99 us", "errors");
+        const auto single = run_gets(api.socket_path(), 50, requests / 4, get_requests(link_paths),
+                                     "\"result\":\"up\"");
+        std::printf("%-22s %7d %14.0f %10.1f %10.1f %8zu\n", "data/eN/linkStatus", 1,
+                    single.requests_per_second, single.latency.p50_us, single.latency.p99_us,
+                    single.errors);
+        for (const auto& [pattern, leaves] :
+             {std::pair<const char*, int>{"data/*/linkStatus", 16}, {"data/e1/...", 10}}) {
+            const auto r = run_gets(api.socket_path(), 50, requests / 4, get_requests({pattern}),
+                                    "\"result\":{\"values\":{");
+            std::printf("%-22s %7d %14.0f %10.1f %10.1f %8zu  (%.0f%% of single)\n", pattern,
+                        leaves, r.requests_per_second, r.latency.p50_us, r.latency.p99_us, r.errors,
+                        100.0 * r.requests_per_second / single.requests_per_second);
+        }
+
         const auto f = run_fanout(api.socket_path(), *fanout, 100, changes);
-        std::printf("event to 100 subscribers, %zu changes: p50 %.1f us, p99 %.1f us\n", changes,
+        std::printf("\nevent to 100 subscribers, %zu changes: p50 %.1f us, p99 %.1f us\n", changes,
                     f.p50_us, f.p99_us);
 
         api.stop();

@@ -34,4 +34,7 @@ for c in 1 50; do
 done
 
 DH_LOG_LEVEL=warning nice -n "$nice" "$build/bin/dh_bench_server" "$requests"
+for mode in single pattern; do
+    DH_LOG_LEVEL=warning nice -n "$nice" "$build/bin/dh_bench_server" subscriptions "$mode"
+done
 echo "== load after: $(cut -d' ' -f1-3 /proc/loadavg)"

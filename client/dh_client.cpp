@@ -184,9 +184,13 @@ struct client::impl {
         if (params == message.MemberEnd() || !params->value.IsObject()) return;
         rapidjson::Value& p = params->value;
         event e;
+        const std::string method = string_member(message, "method");
         e.path = string_member(p, "path");
-        e.type = string_member(p, "type");
+        e.type = method == "event" ? string_member(p, "type") : method;
         e.time = string_member(p, "time");
+        auto complete = p.FindMember("complete");
+        if (complete != p.MemberEnd() && complete->value.IsBool())
+            e.complete = complete->value.GetBool();
         auto seq = p.FindMember("seq");
         if (seq != p.MemberEnd() && seq->value.IsUint64()) e.seq = seq->value.GetUint64();
         auto value = p.FindMember("value");
@@ -213,7 +217,8 @@ struct client::impl {
             // We never send batches, so anything but an object is not for us.
             if (!message.IsObject()) continue;
             if (!message.HasMember("id")) {
-                if (string_member(message, "method") != "event") continue;
+                const std::string method = string_member(message, "method");
+                if (method != "event" && method != "sync" && method != "heartbeat") continue;
                 queue_event(message);
                 return got::event;
             }
@@ -418,6 +423,13 @@ rapidjson::Document client::run(std::string_view path, const rapidjson::Value& v
 
 rapidjson::Document client::subscribe(std::string_view path) {
     return call("subscribe", path_params(path));
+}
+
+rapidjson::Document client::subscribe(std::string_view path, const subscribe_options& options) {
+    auto params = path_params(path);
+    if (options.since_seq) params.AddMember("since_seq", *options.since_seq, params.GetAllocator());
+    if (options.heartbeat) params.AddMember("heartbeat", *options.heartbeat, params.GetAllocator());
+    return call("subscribe", params);
 }
 
 void client::unsubscribe(std::string_view path) {

@@ -51,13 +51,22 @@ class rpc_error : public client_error {
     std::shared_ptr<const rapidjson::Document> data_;
 };
 
-// One "event" notification: {"path","type","value","seq","time"}.
+// One "event" notification: {"path","type","value","seq","time"}. The "sync" and "heartbeat"
+// notifications of resumed subscriptions and heartbeats come as events too, with that type, no
+// path and no value: seq, and `complete` (sync) or `time` (heartbeat).
 struct event {
     std::string path;
     std::string type;
     std::uint64_t seq = 0;
     std::string time;
     rapidjson::Document value;
+    bool complete = true;
+};
+
+// Optional members of a subscribe: replay the events after a seq, ask for heartbeats.
+struct subscribe_options {
+    std::optional<std::uint64_t> since_seq;
+    std::optional<unsigned> heartbeat;
 };
 
 struct options {
@@ -108,6 +117,7 @@ class client {
     void set(std::string_view path, const rapidjson::Value& value);
     rapidjson::Document run(std::string_view path, const rapidjson::Value& value);
     rapidjson::Document subscribe(std::string_view path);
+    rapidjson::Document subscribe(std::string_view path, const subscribe_options& options);
     void unsubscribe(std::string_view path);
     rapidjson::Document info(std::string_view path);
     rapidjson::Document list(std::string_view prefix = "");

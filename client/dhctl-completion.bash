@@ -37,7 +37,7 @@ _dhctl() {
     local cur=${COMP_WORDS[COMP_CWORD]} prev=""
     ((COMP_CWORD > 0)) && prev=${COMP_WORDS[COMP_CWORD - 1]}
     local commands="get set run confirm watch ls info history help"
-    local options="--socket --host --port --json --timeout --table --confirm --help --version"
+    local options="--socket --host --port --json --timeout --table --since --heartbeat --confirm --help --version"
     COMPREPLY=()
 
     case $prev in
@@ -45,7 +45,7 @@ _dhctl() {
         COMPREPLY=($(compgen -f -- "$cur"))
         return
         ;;
-    --host | --port | --timeout | --confirm) return ;;
+    --host | --port | --timeout | --since | --heartbeat | --confirm) return ;;
     esac
 
     # The command, its arguments so far, and the connection options given before the word.
@@ -62,7 +62,7 @@ _dhctl() {
             connection+=("$word" "${COMP_WORDS[i + 1]}")
             ((i++))
             ;;
-        --timeout | --confirm) ((i++)) ;;
+        --timeout | --since | --heartbeat | --confirm) ((i++)) ;;
         -?*) ;;
         *) [[ -z $command ]] && command=$word || ((args++)) ;;
         esac

@@ -40,11 +40,17 @@ struct command_help {
 const std::map<std::string, command_help>& commands() {
     static const std::map<std::string, command_help> table = {
         {"get",
-         {"get PATH", "print a leaf's value", 1, 1,
+         {"get PATH", "print a leaf's value, or the values a pattern matches", 1, 1,
           "Prints the value of the leaf at PATH: a string bare, anything else as JSON\n"
           "(null where a parameter is not set). A number is followed by its unit where\n"
           "the leaf's description has one (-2.3 dBm); --json prints the bare value.\n\n"
-          "Example:\n  dhctl get config/ospf/areaId\n"}},
+          "PATH may be a pattern: a segment * matches one segment, a last segment ...\n"
+          "any depth (quote it for the shell). Each matched leaf is printed as\n"
+          "`PATH  VALUE`, a leaf that could not be read as `PATH  error CODE: MESSAGE`\n"
+          "(exit status 1 then); --table adds a header, --json prints the daemon's\n"
+          "{\"values\": ..., \"errors\": ...} object.\n\n"
+          "Examples:\n  dhctl get config/ospf/areaId\n"
+          "  dhctl --table get 'data/*/linkStatus'\n  dhctl get 'data/e13/...'\n"}},
         {"set",
          {"set PATH VALUE [PATH VALUE]...", "write leaves' values", 2, unlimited,
           "Writes VALUE to the leaf at PATH and prints nothing on success. Several\n"
@@ -80,9 +86,17 @@ const std::map<std::string, command_help>& commands() {
           "The current values are stamped with the local clock. With --json every line is\n"
           "an event object; current values have \"type\":\"initial\". With --table, a\n"
           "table of the paths, their latest values and when they came, redrawn in place\n"
-          "on a terminal (printed anew after each change otherwise).\n\n"
+          "on a terminal (printed anew after each change otherwise). A PATH may be a\n"
+          "pattern (see `dhctl help get`): every matched leaf that can be watched is.\n\n"
+          "--since SEQ resumes after the event SEQ: instead of the current values, the\n"
+          "changes after SEQ that the daemon still holds are printed, then live ones.\n"
+          "--heartbeat SECONDS asks for a heartbeat after that long without a change.\n"
+          "Sync (end of the replay) and heartbeats go to standard error as\n"
+          "`# sync seq=N complete=true|false` and `# heartbeat seq=N time=T`; with --json\n"
+          "they are lines {\"type\":\"sync\",...} and {\"type\":\"heartbeat\",...}.\n\n"
           "Examples:\n  dhctl watch data/configStatus data/installStatus\n"
-          "  dhctl watch --table data/e13/sfp/rxPower data/e13/sfp/txPower\n"}},
+          "  dhctl watch --table data/e13/sfp/rxPower data/e13/sfp/txPower\n"
+          "  dhctl watch --since 1042 --heartbeat 30 'data/*/linkStatus'\n"}},
         {"ls",
          {"ls [PREFIX]", "list leaves with their descriptions", 0, 1,
           "Lists the leaves whose path equals PREFIX or lies below it (every leaf without\n"
@@ -125,7 +139,12 @@ po::options_description global_options() {
          "limit for connecting and for each request")
         ("confirm", po::value<unsigned>()->value_name("SECONDS"),
          "set: roll the write back unless confirmed within SECONDS (1 to 3600)")
-        ("table", "watch: a live table of the latest values instead of one line per change")
+        ("table", "watch: a live table of the latest values instead of one line per change;"
+         " get of a pattern: a table of path and value")
+        ("since", po::value<std::uint64_t>()->value_name("SEQ"),
+         "watch: replay the changes after event SEQ first")
+        ("heartbeat", po::value<unsigned>()->value_name("SECONDS"),
+         "watch: ask for a heartbeat after SECONDS (1..3600) without a change")
         ("version", "print the version and exit");
     // clang-format on
     return options;
@@ -172,8 +191,9 @@ extern "C" void on_interrupt(int) {
 struct output {
     bool json;
     bool table = false;
+    dc::subscribe_options subscription{};
     // set --confirm SECONDS
-    std::optional<unsigned> confirm;
+    std::optional<unsigned> confirm{};
 
     void value(const rapidjson::Value& v) const {
         std::cout << (json ? dc::to_json(v) : dc::display_value(v, true)) << '\n';
@@ -226,34 +246,93 @@ bool repeats_initial(std::map<std::string, std::optional<rapidjson::Document>>& 
     return repeat;
 }
 
+std::string error_text(const rapidjson::Value& e) {
+    if (!e.IsObject() || !e.HasMember("code") || !e.HasMember("message")) return dc::to_json(e);
+    return fmt::format("error {}: {}", dc::to_json(e["code"]),
+                       dc::display_value(e["message"], false));
+}
+
+// Subscribes to one PATH (a leaf or a pattern) and returns the current value of each leaf it
+// covers; leaves of a pattern that could not be subscribed to are reported on stderr.
+std::vector<std::pair<std::string, rapidjson::Document>> subscribe_path(dc::client& c,
+                                                                        const std::string& raw,
+                                                                        const output& out) {
+    auto answer = c.subscribe(raw, out.subscription);
+    std::vector<std::pair<std::string, rapidjson::Document>> leaves;
+    if (!dc::is_pattern(raw) || !answer.IsObject() || !answer.HasMember("values")) {
+        leaves.emplace_back(event_path(raw), std::move(answer));
+        return leaves;
+    }
+    for (const auto& [path, value] : answer["values"].GetObject()) {
+        rapidjson::Document v;
+        v.CopyFrom(value, v.GetAllocator());
+        leaves.emplace_back(std::string(path.GetString(), path.GetStringLength()), std::move(v));
+    }
+    if (answer.HasMember("errors"))
+        for (const auto& [path, e] : answer["errors"].GetObject())
+            std::cerr << "dhctl: " << path.GetString() << ": " << error_text(e) << '\n';
+    return leaves;
+}
+
+// Sync and heartbeat notifications: lines of their own with --json, else on stderr.
+void print_control(const dc::event& e, const output& out) {
+    if (out.json) {
+        rapidjson::Document line(rapidjson::kObjectType);
+        auto& a = line.GetAllocator();
+        line.AddMember("type", rapidjson::Value(e.type.c_str(), a), a);
+        line.AddMember("seq", e.seq, a);
+        if (e.type == "sync")
+            line.AddMember("complete", e.complete, a);
+        else
+            line.AddMember("time", rapidjson::Value(e.time.c_str(), a), a);
+        std::cout << dc::to_json(line) << '\n';
+    } else if (e.type == "sync") {
+        std::cerr << "# sync seq=" << e.seq << " complete=" << (e.complete ? "true" : "false")
+                  << std::endl;
+    } else {
+        std::cerr << "# heartbeat seq=" << e.seq << " time=" << e.time << std::endl;
+    }
+}
+
+bool is_control(const dc::event& e) {
+    return e.type == "sync" || e.type == "heartbeat";
+}
+
 // Prints the current values, then every event until SIGINT/SIGTERM. A subscription also sends
 // the current value as an event (before or after its response); the first event of a path that
 // repeats the value already printed is that one and is skipped.
 int watch(dc::client& c, const std::vector<std::string>& paths, const output& out) {
     catch_interrupts();
     std::map<std::string, std::optional<rapidjson::Document>> initial;
-    for (const auto& raw : paths) {
-        auto value = c.subscribe(raw);
-        const std::string path = event_path(raw);
-        const std::string time = now_utc_iso();
-        if (out.json) {
-            rapidjson::Document line(rapidjson::kObjectType);
-            auto& a = line.GetAllocator();
-            line.AddMember("path", rapidjson::Value(path.c_str(), a), a);
-            line.AddMember("type", "initial", a);
-            line.AddMember("value", rapidjson::Value(value, a), a);
-            line.AddMember("time", rapidjson::Value(time.c_str(), a), a);
-            std::cout << dc::to_json(line) << '\n';
-        } else {
-            out.change(time, path, value);
+    // A resumed subscription sends no current value as an event: nothing to skip, nothing to
+    // print before the replay.
+    const bool resumed = out.subscription.since_seq.has_value();
+    for (const auto& raw : paths)
+        for (auto& [path, value] : subscribe_path(c, raw, out)) {
+            if (resumed) continue;
+            const std::string time = now_utc_iso();
+            if (out.json) {
+                rapidjson::Document line(rapidjson::kObjectType);
+                auto& a = line.GetAllocator();
+                line.AddMember("path", rapidjson::Value(path.c_str(), a), a);
+                line.AddMember("type", "initial", a);
+                line.AddMember("value", rapidjson::Value(value, a), a);
+                line.AddMember("time", rapidjson::Value(time.c_str(), a), a);
+                std::cout << dc::to_json(line) << '\n';
+            } else {
+                out.change(time, path, value);
+            }
+            std::cout.flush();
+            initial[path] = std::move(value);
         }
-        std::cout.flush();
-        initial[path] = std::move(value);
-    }
 
     while (!interrupted) {
         auto e = c.next_event(std::chrono::milliseconds(200));
         if (!e || repeats_initial(initial, *e)) continue;
+        if (is_control(*e)) {
+            print_control(*e, out);
+            continue;
+        }
         if (out.json) {
             rapidjson::Document line(rapidjson::kObjectType);
             auto& a = line.GetAllocator();
@@ -273,22 +352,23 @@ int watch(dc::client& c, const std::vector<std::string>& paths, const output& ou
 
 // `watch --table`: the table of current values, then the table again after each burst of events
 // (those already queued are taken together). On a terminal each table replaces the last one.
-int watch_table(dc::client& c, const std::vector<std::string>& paths) {
+int watch_table(dc::client& c, const std::vector<std::string>& paths, const output& out) {
     catch_interrupts();
     dc::live_table table;
     std::map<std::string, std::optional<rapidjson::Document>> initial;
+    const bool resumed = out.subscription.since_seq.has_value();
     for (const auto& raw : paths) {
-        const std::string path = event_path(raw);
-        std::string unit;
-        try {
-            unit = dc::unit_of(c.info(path));
-        } catch (const dc::rpc_error&) {
-            // The subscription below reports what is wrong with the path.
+        for (auto& [path, value] : subscribe_path(c, raw, out)) {
+            std::string unit;
+            try {
+                unit = dc::unit_of(c.info(path));
+            } catch (const dc::rpc_error&) {
+                // The value is shown without a unit.
+            }
+            table.add(path, std::move(unit));
+            table.update(path, value, now_utc_iso());
+            if (!resumed) initial[path] = std::move(value);
         }
-        table.add(path, std::move(unit));
-        auto value = c.subscribe(raw);
-        table.update(path, value, now_utc_iso());
-        initial[path] = std::move(value);
     }
 
     const bool terminal = isatty(STDOUT_FILENO);
@@ -304,6 +384,10 @@ int watch_table(dc::client& c, const std::vector<std::string>& paths) {
         for (auto e = c.next_event(std::chrono::milliseconds(200)); e;
              e = c.next_event(std::chrono::milliseconds(0))) {
             if (repeats_initial(initial, *e)) continue;
+            if (is_control(*e)) {
+                print_control(*e, output{false});
+                continue;
+            }
             table.update(e->path, e->value, e->time);
             changed = true;
         }
@@ -340,9 +424,40 @@ rapidjson::Document write_values(dc::client& c, const std::vector<std::string>& 
     return c.call(args.size() == 2 ? "set" : "set_many", params);
 }
 
+// A pattern read: one row per matched leaf, values with their units, failures as errors; exit
+// status 1 when a leaf failed.
+int print_pattern_read(dc::client& c, const rapidjson::Document& answer, const output& out) {
+    if (out.json || !answer.IsObject() || !answer.HasMember("values")) {
+        out.value(answer);
+        return EXIT_SUCCESS;
+    }
+    std::map<std::string, std::string> rows;
+    for (const auto& [p, value] : answer["values"].GetObject()) {
+        const std::string path(p.GetString(), p.GetStringLength());
+        std::string unit;
+        if (value.IsNumber()) {
+            try {
+                unit = dc::unit_of(c.info(path));
+            } catch (const dc::rpc_error&) {
+                // The value is printed without a unit rather than not at all.
+            }
+        }
+        rows[path] = dc::display_with_unit(value, unit, false);
+    }
+    bool failed = false;
+    if (answer.HasMember("errors"))
+        for (const auto& [p, e] : answer["errors"].GetObject()) {
+            rows[std::string(p.GetString(), p.GetStringLength())] = error_text(e);
+            failed = true;
+        }
+    std::cout << dc::value_table({rows.begin(), rows.end()}, out.table);
+    return failed ? exit_failure : EXIT_SUCCESS;
+}
+
 int run_command(dc::client& c, const std::string& command, const std::vector<std::string>& args,
                 const output& out) {
     if (command == "get") {
+        if (dc::is_pattern(args[0])) return print_pattern_read(c, c.get(args[0]), out);
         auto value = c.get(args[0]);
         if (out.json || !value.IsNumber()) {
             out.value(value);
@@ -408,7 +523,7 @@ int run_command(dc::client& c, const std::string& command, const std::vector<std
                        value != entry.MemberEnd() ? value->value : null_value);
         }
     } else if (command == "watch") {
-        return out.table ? watch_table(c, args) : watch(c, args, out);
+        return out.table ? watch_table(c, args, out) : watch(c, args, out);
     }
     return EXIT_SUCCESS;
 }
@@ -466,11 +581,20 @@ int main(int argc, char** argv) {
     if (args.size() < entry->second.min_args || args.size() > entry->second.max_args)
         return usage_error(fmt::format("usage: dhctl {}", entry->second.synopsis));
 
-    if (vm.count("table") && (command != "watch" || vm.count("json")))
-        return usage_error("--table goes with watch only, and not with --json");
+    if (vm.count("table") && ((command != "watch" && command != "get") || vm.count("json")))
+        return usage_error("--table goes with watch and get only, and not with --json");
+    if ((vm.count("since") || vm.count("heartbeat")) && command != "watch")
+        return usage_error("--since and --heartbeat go with watch only");
+    dc::subscribe_options subscription;
+    if (vm.count("since")) subscription.since_seq = vm["since"].as<std::uint64_t>();
+    if (vm.count("heartbeat")) {
+        const unsigned beat = vm["heartbeat"].as<unsigned>();
+        if (beat < 1 || beat > 3600) return usage_error("--heartbeat must be 1..3600 seconds");
+        subscription.heartbeat = beat;
+    }
     if (command == "set" && args.size() % 2 != 0)
         return usage_error(fmt::format("usage: dhctl {}", entry->second.synopsis));
-    std::optional<unsigned> confirm;
+    std::optional<unsigned> confirm{};
     if (vm.count("confirm")) {
         confirm = vm["confirm"].as<unsigned>();
         if (command != "set" || *confirm < 1 || *confirm > 3600)
@@ -528,8 +652,9 @@ int main(int argc, char** argv) {
     }
 
     try {
-        return run_command(*c, command, args,
-                           output{vm.count("json") > 0, vm.count("table") > 0, confirm});
+        return run_command(
+            *c, command, args,
+            output{vm.count("json") > 0, vm.count("table") > 0, subscription, confirm});
     } catch (const dc::rpc_error& e) {
         std::cout.flush();
         std::cerr << e.what();

@@ -80,6 +80,27 @@ std::string live_table::render() const {
     return out;
 }
 
+bool is_pattern(std::string_view path) {
+    while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+    if (path == "..." || path.ends_with("/...")) return true;
+    for (std::size_t start = 0; start <= path.size();) {
+        const std::size_t end = std::min(path.find('/', start), path.size());
+        if (path.substr(start, end - start) == "*") return true;
+        start = end + 1;
+    }
+    return false;
+}
+
+std::string value_table(const std::vector<std::pair<std::string, std::string>>& rows, bool header) {
+    std::size_t width = header ? 4 : 0;
+    for (const auto& [path, text] : rows) width = std::max(width, columns(path));
+    std::string out;
+    if (header) out = fmt::format("{:<{}}  VALUE\n", "PATH", width);
+    for (const auto& [path, text] : rows)
+        fmt::format_to(std::back_inserter(out), "{:<{}}  {}\n", path, width, text);
+    return out;
+}
+
 std::string redraw_over(std::size_t lines) {
     if (lines == 0) return "\x1b[J";
     return fmt::format("\x1b[{}A\r\x1b[J", lines);

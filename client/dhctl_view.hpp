@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include <rapidjson/document.h>
@@ -42,6 +43,13 @@ class live_table {
     };
     std::vector<row> rows_;
 };
+
+// True when `path` names several leaves: a segment "*", or "..." as the last segment.
+bool is_pattern(std::string_view path);
+
+// Rows of (path, text) in aligned columns, one line each; with `header`, a "PATH  VALUE" line
+// first. Used for pattern reads.
+std::string value_table(const std::vector<std::pair<std::string, std::string>>& rows, bool header);
 
 // Terminal control that moves the cursor up over `lines` lines already written and clears
 // from there to the end of the screen, so the next table replaces the last one.

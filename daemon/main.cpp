@@ -108,6 +108,10 @@ int main(int argc, char* argv[]) {
 
     server_opts.max_per_address = max_per_address;
     server_opts.idle_timeout = std::chrono::seconds(idle_timeout);
+    // Periodic and delayed work; two workers, so that a slow poll does not hold up the others.
+    // It also times the server's heartbeats, so it outlives the front end.
+    dh::scheduler sched(dh::system_clock(), 2);
+    server_opts.scheduler = &sched;
     device_handler_api api("/tmp/device_handlers/sysrepo", port, false, server_opts);
 
     // SIGTERM and SIGINT end the serving loop, so the handler and the front end are torn down in
@@ -119,8 +123,6 @@ int main(int argc, char* argv[]) {
     });
     std::thread signal_thread([&signal_io] { signal_io.run(); });
 
-    // Periodic and delayed work; two workers, so that a slow poll does not hold up the others.
-    dh::scheduler sched(dh::system_clock(), 2);
     auto handler = std::make_unique<sysrepo_device_handler>(api.db, host::spawn_executor(), sched);
     MSG_LOG(6, "init") << "Device handler initialized for sysrepo. Listening on port " << port
                        << "." << msg_log::getCodeTrace("sysrepo_device_handler", 3309);

@@ -18,6 +18,11 @@ namespace {
 // Output buffer capacity kept between bursts.
 constexpr std::size_t kept_write_buffer = 256 * 1024;
 
+// Notifications (events, sync, heartbeats) are written with "method" where responses have "id".
+bool is_notification(const std::string& line) {
+    return line.starts_with(R"({"jsonrpc":"2.0","method":)");
+}
+
 }  // namespace
 
 std::string client_identity::who() const {
@@ -41,7 +46,10 @@ connection::connection(asio::io_context& io, connection_host& host, const connec
       socket_(std::move(socket)),
       input_(limits.max_line),
       idle_timer_(io),
-      last_read_(std::chrono::steady_clock::now()) {}
+      last_read_(std::chrono::steady_clock::now()),
+      heartbeat_(host.heartbeat_scheduler(),
+                 [this] { deliver(std::make_shared<const std::string>(host_.heartbeat_line())); }) {
+}
 
 connection::connection(asio::io_context& io, connection_host& host, const connection_limits& limits,
                        std::shared_ptr<tls_stream> stream, client_identity client)
@@ -52,7 +60,10 @@ connection::connection(asio::io_context& io, connection_host& host, const connec
       tls_(std::move(stream)),
       input_(limits.max_line),
       idle_timer_(io),
-      last_read_(std::chrono::steady_clock::now()) {}
+      last_read_(std::chrono::steady_clock::now()),
+      heartbeat_(host.heartbeat_scheduler(),
+                 [this] { deliver(std::make_shared<const std::string>(host_.heartbeat_line())); }) {
+}
 
 void connection::start() {
     if (limits_.idle_timeout.count() > 0) arm_idle_timer(last_read_ + limits_.idle_timeout);
@@ -164,17 +175,59 @@ void connection::append_response(std::string_view text) {
 void connection::deliver(std::shared_ptr<const std::string> line) {
     if (!line) return;
     const std::size_t n = line->size() + 1;
+    if (is_notification(*line)) heartbeat_.note_sent();
     std::lock_guard lock(inbox_mutex_);
     if (dead_) return;
     if (queued_.fetch_add(n, std::memory_order_relaxed) + n > limits_.max_queued) {
         // Whoever sends must not wait for a peer that does not read: drop it instead.
         dead_ = true;
         inbox_.clear();
+        held_.clear();
         asio::post(io_, [self = self()] { self->overflowed(); });
+        return;
+    }
+    if (holding_) {
+        held_.push_back(std::move(line));
         return;
     }
     inbox_.push_back(std::move(line));
     if (!flush_posted_) {
+        flush_posted_ = true;
+        asio::post(io_, [self = self()] { self->flush(); });
+    }
+}
+
+void connection::begin_hold() {
+    std::lock_guard lock(inbox_mutex_);
+    holding_ = true;
+}
+
+void connection::end_hold(std::vector<std::shared_ptr<const std::string>> first,
+                          const std::function<bool(const std::string&)>& keep) {
+    for (const auto& line : first)
+        if (is_notification(*line)) heartbeat_.note_sent();
+    std::lock_guard lock(inbox_mutex_);
+    holding_ = false;
+    auto held = std::move(held_);
+    held_.clear();
+    if (dead_) return;
+    std::size_t n = 0;
+    for (const auto& line : first) n += line->size() + 1;
+    if (queued_.fetch_add(n, std::memory_order_relaxed) + n > limits_.max_queued) {
+        dead_ = true;
+        inbox_.clear();
+        asio::post(io_, [self = self()] { self->overflowed(); });
+        return;
+    }
+    for (auto& line : first) inbox_.push_back(std::move(line));
+    for (auto& line : held) {
+        if (keep(*line)) {
+            inbox_.push_back(std::move(line));
+        } else {
+            queued_.fetch_sub(line->size() + 1, std::memory_order_relaxed);
+        }
+    }
+    if (!inbox_.empty() && !flush_posted_) {
         flush_posted_ = true;
         asio::post(io_, [self = self()] { self->flush(); });
     }
@@ -289,12 +342,14 @@ void connection::close() {
     if (io_closed_) return;
     auto keep = self();
     io_closed_ = true;
+    heartbeat_.stop();
     metrics::connection_closed(client().listener_name());
     idle_timer_.cancel();
     {
         std::lock_guard lock(inbox_mutex_);
         dead_ = true;
         inbox_.clear();
+        held_.clear();
     }
     queued_.store(0);
     end_subscriptions_safely();

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,6 +18,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "dh_session.hpp"
+#include "heartbeat.hpp"
 #include "job_queue.hpp"
 #include "roles.hpp"
 #include "rpc_codec.hpp"
@@ -57,6 +59,9 @@ class connection_host {
     virtual void closed(connection& c) = 0;
     virtual void post_job(std::shared_ptr<connection> c, std::unique_ptr<async_job> job) = 0;
     virtual void end_subscriptions_later(std::shared_ptr<connection> c) = 0;
+    // Heartbeats: the scheduler that times them and the notification each one is.
+    virtual dh::scheduler& heartbeat_scheduler() = 0;
+    virtual std::string heartbeat_line() = 0;
 
   protected:
     ~connection_host() = default;
@@ -100,6 +105,15 @@ class connection final : public dh_session {
     std::shared_ptr<connection> self() {
         return std::static_pointer_cast<connection>(shared_from_this());
     }
+
+    // A resumed subscription, with the subscription lock held from begin to end: lines
+    // delivered meanwhile are held back; end_hold() queues `first` (the answer, the replayed
+    // events, the sync), then the held lines that `keep` accepts, in their order.
+    void begin_hold();
+    void end_hold(std::vector<std::shared_ptr<const std::string>> first,
+                  const std::function<bool(const std::string&)>& keep);
+    // After this long without a notification the connection is sent a heartbeat; zero: never.
+    void set_heartbeat(std::chrono::seconds period) { heartbeat_.set_period(period); }
 
     // The per-session subscription lock: held around every subscribe and unsubscribe of this
     // connection and around end_subscriptions(), so that they never interleave. Taken by the
@@ -152,8 +166,11 @@ class connection final : public dh_session {
     std::vector<std::shared_ptr<const std::string>> inbox_;
     bool flush_posted_ = false;
     bool dead_ = false;
+    bool holding_ = false;
+    std::vector<std::shared_ptr<const std::string>> held_;
 
     job_chains chains_;
+    heartbeat heartbeat_;
 };
 
 }  // namespace dh::server::detail

@@ -1,5 +1,6 @@
 #include "dh_db.hpp"
 
+#include <algorithm>
 #include <chrono>
 
 #include <fmt/chrono.h>
@@ -58,6 +59,18 @@ std::vector<std::shared_ptr<dh_db_leaf_node>> dh_db::list(std::string_view prefi
     return out;
 }
 
+std::vector<std::shared_ptr<dh_db_leaf_node>> dh_db::match(const dh::path_pattern& pattern) const {
+    const std::string_view prefix = pattern.literal_prefix();
+    std::vector<std::shared_ptr<dh_db_leaf_node>> out;
+    std::shared_lock lock(nodes_mutex_);
+    for (auto it = sorted_.lower_bound(prefix); it != sorted_.end(); ++it) {
+        const std::string_view p = it->first;
+        if (p.substr(0, prefix.size()) != prefix) break;
+        if (pattern.matches(p)) out.push_back(it->second);
+    }
+    return out;
+}
+
 std::size_t dh_db::size() const {
     std::shared_lock lock(nodes_mutex_);
     return nodes_.size();
@@ -75,20 +88,26 @@ dh_db::acting_client::~acting_client() {
     acting_who = std::move(previous_);
 }
 
-void dh_db::append_to_history(dh_db_leaf_node& node) {
-    alignas(16) char scratch[2048];
-    dh::Allocator a(scratch, sizeof scratch);
-    dh::Value entry = node.export_history_entry(a);
-    if (!entry.IsObject() || entry.ObjectEmpty()) return;
-    if (!acting_who.empty() && !entry.HasMember("who"))
-        entry.AddMember("who", dh::Value(acting_who.c_str(), a), a);
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    entry.Accept(writer);
-    std::string text(buffer.GetString(), buffer.GetSize());
+void dh_db::record_change(std::uint64_t seq, std::string_view entry) {
+    std::string text;
+    if (acting_who.empty() || entry.size() < 2 || entry.back() != '}') {
+        text.assign(entry);
+    } else {
+        rapidjson::StringBuffer who;
+        rapidjson::Writer<rapidjson::StringBuffer> writer(who);
+        writer.String(acting_who.c_str(), static_cast<rapidjson::SizeType>(acting_who.size()));
+        text.reserve(entry.size() + who.GetSize() + 8);
+        text.append(entry.substr(0, entry.size() - 1));
+        text.append(entry.size() > 2 ? ",\"who\":" : "\"who\":");
+        text.append(who.GetString(), who.GetSize());
+        text.push_back('}');
+    }
     std::lock_guard lock(history_mutex_);
-    history_.push_back(std::move(text));
-    while (history_.size() > history_capacity) history_.pop_front();
+    history_.push_back({seq, std::move(text)});
+    while (history_.size() > history_capacity) {
+        dropped_seq_ = std::max(dropped_seq_, history_.front().seq);
+        history_.pop_front();
+    }
 }
 
 dh::Document dh_db::history(std::size_t limit) const {
@@ -99,9 +118,42 @@ dh::Document dh_db::history(std::size_t limit) const {
     out.Reserve(static_cast<rapidjson::SizeType>(n), a);
     for (auto it = history_.end() - static_cast<std::ptrdiff_t>(n); it != history_.end(); ++it) {
         dh::Document entry(&a);
-        entry.Parse(it->data(), it->size());
+        entry.Parse(it->text.data(), it->text.size());
         out.PushBack(static_cast<dh::Value&>(entry).Move(), a);
     }
+    return out;
+}
+
+dh_db::replay_snapshot dh_db::history_since(std::uint64_t since,
+                                            const std::vector<std::string>& paths) const {
+    replay_snapshot out;
+    {
+        std::lock_guard lock(history_mutex_);
+        out.latest_seq = latest_seq();
+        if (since > out.latest_seq) {
+            since = 0;
+            out.complete = false;
+        }
+        if (dropped_seq_ > since) out.complete = false;
+        for (const auto& e : history_) {
+            if (e.seq <= since) continue;
+            out.entries.emplace_back(e.seq, e.text);
+        }
+    }
+    // Outside the lock: only the path is needed of each entry.
+    auto wanted = [&](const std::string& text) {
+        rapidjson::Document d;
+        d.Parse(text.data(), text.size());
+        if (!d.IsObject()) return false;
+        auto p = d.FindMember("path");
+        return p != d.MemberEnd() && p->value.IsString() &&
+               std::binary_search(
+                   paths.begin(), paths.end(),
+                   std::string_view(p->value.GetString(), p->value.GetStringLength()));
+    };
+    std::erase_if(out.entries, [&](const auto& e) { return !wanted(e.second); });
+    std::sort(out.entries.begin(), out.entries.end(),
+              [](const auto& x, const auto& y) { return x.first < y.first; });
     return out;
 }
 

@@ -13,6 +13,7 @@
 
 #include "dh_node.hpp"
 #include "dh_types.hpp"
+#include "path_pattern.hpp"
 
 // The node tree: leaves addressed by slash-separated paths, the event sequence counter and the
 // history ring. All members are thread-safe.
@@ -34,6 +35,9 @@ class dh_db {
     std::shared_ptr<dh_db_leaf_node> find_leaf_node(std::string_view path) const;
     // Leaves whose path equals prefix or starts with prefix + "/" (all for ""), sorted by path.
     std::vector<std::shared_ptr<dh_db_leaf_node>> list(std::string_view prefix) const;
+    // Leaves that the pattern matches, sorted by path. Only the range below the pattern's
+    // literal prefix is walked.
+    std::vector<std::shared_ptr<dh_db_leaf_node>> match(const dh::path_pattern& pattern) const;
     std::size_t size() const;
 
     // Names the client whose request the calling thread carries out while it lives: history
@@ -49,14 +53,28 @@ class dh_db {
         std::string previous_;
     };
 
-    // Records the node's latest change (its export_history_entry) in the history ring, with the
-    // acting client, if any, as "who".
-    void append_to_history(dh_db_leaf_node& node);
+    // Records one change in the history ring: `entry` is its {"seq","time","path","value"}
+    // object as compact JSON text; the acting client, if any, is added as "who". Event nodes
+    // call it for every event they send to all subscribers.
+    void record_change(std::uint64_t seq, std::string_view entry);
     // The last `limit` history entries, oldest first, as a JSON array.
     dh::Document history(std::size_t limit) const;
 
+    // What a resumed subscription replays: the entries of `paths` (sorted) with seq > since, in
+    // seq order, taken in one look at the ring.
+    struct replay_snapshot {
+        std::vector<std::pair<std::uint64_t, std::string>> entries;  // seq, entry text
+        std::uint64_t latest_seq = 0;  // the newest seq handed out when the snapshot was taken
+        // False when entries with seq > since have already left the ring, or since lies beyond
+        // latest_seq (the counter started again: everything since the start is replayed).
+        bool complete = true;
+    };
+    replay_snapshot history_since(std::uint64_t since, const std::vector<std::string>& paths) const;
+
     // Sequence number and UTC time stamp of the next event the server creates.
     std::uint64_t next_event_seq() noexcept;
+    // The newest sequence number handed out (0 before the first event).
+    std::uint64_t latest_seq() const noexcept { return seq_.load(std::memory_order_relaxed); }
     static std::string utc_now_iso();
 
   private:
@@ -67,7 +85,13 @@ class dh_db {
 
     std::atomic<std::uint64_t> seq_{0};
 
-    // Guards history_: each entry as compact JSON text, not a document with a pool of its own.
+    struct history_entry {
+        std::uint64_t seq;
+        std::string text;  // compact JSON, not a document with a pool of its own
+    };
+    // Guards history_ and dropped_seq_.
     mutable std::mutex history_mutex_;
-    std::deque<std::string> history_;
+    std::deque<history_entry> history_;
+    // The highest seq of the entries that left the ring.
+    std::uint64_t dropped_seq_ = 0;
 };

@@ -133,21 +133,39 @@ std::shared_ptr<const std::string> dh_db_event_node::stamp_and_serialise(dh::Doc
 }
 
 void dh_db_event_node::send_event_impl(dh::Document&& event) {
-    auto line = stamp_and_serialise(event);
-    std::vector<std::shared_ptr<dh_session>> targets;
+    std::size_t sent = 0;
     {
         std::lock_guard lock(events_mutex_);
+        auto line = stamp_and_serialise(event);
         remember(event);
-        targets.reserve(subscribers_.size());
-        for (const auto& w : subscribers_)
-            if (auto s = w.lock()) targets.push_back(std::move(s));
+        for (const auto& w : subscribers_) {
+            if (auto s = w.lock()) {
+                s->deliver(line);
+                ++sent;
+            }
+        }
+        // After the deliveries: a resumed subscription that finds the event in the history has
+        // it among the lines held back for it, and drops it there.
+        db().record_change(event["seq"].GetUint64(), last_entry_);
     }
-    for (const auto& s : targets) s->deliver(line);
-    metrics::events_sent(targets.size());
+    metrics::events_sent(sent);
+}
+
+namespace {
+thread_local bool quiet_subscribe = false;
+}
+
+dh_db_event_node::without_initial_events::without_initial_events() : previous_(quiet_subscribe) {
+    quiet_subscribe = true;
+}
+
+dh_db_event_node::without_initial_events::~without_initial_events() {
+    quiet_subscribe = previous_;
 }
 
 void dh_db_event_node::send_event_to_session_impl(const std::shared_ptr<dh_session>& session,
                                                   bool initial, dh::Document&& event) {
+    if (initial && quiet_subscribe) return;
     auto line = stamp_and_serialise(event);
     if (!initial) {
         std::lock_guard lock(events_mutex_);

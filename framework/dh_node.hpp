@@ -94,19 +94,37 @@ class dh_db_event_node : public dh_db_leaf_node {
     // "value" with the event's own allocator and hands it to one of the senders below, which
     // stamp "seq" and "time".
     dh::Document create_value_changed_event() const;
-    // Sends to every subscriber and remembers the event as the node's latest change.
+    // Sends to every subscriber, remembers the event as the node's latest change and records
+    // it in the history. Stamping, delivery and recording happen under the node's event lock,
+    // so that a subscription registered meanwhile either receives the event or finds it in the
+    // history, and one node's seqs rise in the order its events reach every subscriber.
     void send_event_impl(dh::Document&& event);
     // Sends to one session only. `initial` marks the value a subscription starts with; it is
     // not remembered as a change.
     void send_event_to_session_impl(const std::shared_ptr<dh_session>& session, bool initial,
                                     dh::Document&& event);
 
+    // While one lives, subscriptions made on this thread send no initial-value event: a resumed
+    // subscription has the current value in its answer and the missed changes from the history.
+    class without_initial_events {
+      public:
+        without_initial_events();
+        ~without_initial_events();
+        without_initial_events(const without_initial_events&) = delete;
+        without_initial_events& operator=(const without_initial_events&) = delete;
+
+      private:
+        bool previous_;
+    };
+
   private:
     std::shared_ptr<const std::string> stamp_and_serialise(dh::Document& event);
 
     void remember(const dh::Document& event);
 
-    // Guards subscribers_ and last_entry_; taken briefly, never while calling a session.
+    // Guards subscribers_ and last_entry_, and orders this node's events. Held while events are
+    // handed to sessions (deliver() only queues, it never blocks) and while the history records
+    // them; never taken while a session's or the history's lock is held.
     mutable std::mutex events_mutex_;
     std::vector<std::weak_ptr<dh_session>> subscribers_;
     // The latest change as its history entry in JSON text: a few hundred bytes at most, where a

@@ -237,6 +237,7 @@ void dispatcher::node_operation(connection& c, const request& r, const reply_tar
     if (!path_param || !path_param->IsString()) throw_invalid_params();
     const std::string_view path = codec::trim_slashes(codec::as_view(*path_param));
     check_permission(c, r.method, path);
+    if (leaf_set_operation(c, r, t, path, codec::as_view(*path_param))) return;
     auto node = db_.find_leaf_node(path);
     if (!node)
         throw dh_error(codec::code_no_such_node,
@@ -298,6 +299,10 @@ void dispatcher::submit(connection& c, const request& r, const reply_target& t,
 void dispatcher::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job) {
     if (is_write_job(*job)) {
         run_write_job(c, std::move(job));
+        return;
+    }
+    if (is_leaf_set_job(*job)) {
+        run_leaf_set_job(c, std::move(job));
         return;
     }
     auto& args = job->args;

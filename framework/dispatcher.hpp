@@ -56,6 +56,19 @@ class dispatcher {
     static bool is_write_job(const async_job& job);
     void run_write_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job);
 
+    // Pattern reads and subscriptions, and subscriptions with since_seq or heartbeat
+    // (dispatcher_leaves.cpp). False when the request is none of these.
+    bool leaf_set_operation(connection& c, const codec::request& r, const reply_target& t,
+                            std::string_view path, std::string_view given_path);
+    // Whether a job queued by leaf_set_operation is one; run_leaf_set_job carries it out.
+    static bool is_leaf_set_job(const async_job& job);
+    void run_leaf_set_job(const std::shared_ptr<connection>& c, std::unique_ptr<async_job> job);
+    // The leaves a pattern request covers: every match for get, those that can be subscribed
+    // to for subscribe and unsubscribe. Raises -32001 or -95 when none is left.
+    std::vector<std::shared_ptr<dh_db_leaf_node>> pattern_leaves(codec::method_id m,
+                                                                 const dh::path_pattern& p,
+                                                                 std::string_view given) const;
+
     dh_db& db_;
     const std::vector<std::string> admin_only_;
     const job_poster post_;

@@ -70,10 +70,16 @@ class server_core final : public connection_host {
     void set_commit_service(std::weak_ptr<dh::commit_service> commits) {
         dispatcher_.set_commit_service(std::move(commits));
     }
+    dh::scheduler& heartbeat_scheduler() override { return *heartbeat_scheduler_; }
+    std::string heartbeat_line() override;
 
     std::size_t connection_count() const { return connection_count_.load(); }
 
     const options opts;
+    dh_db& db;
+    // Outlives the connections, whose heartbeats it times.
+    std::unique_ptr<dh::scheduler> own_scheduler;
+    dh::scheduler* const heartbeat_scheduler_;
     // Declared before the sockets, connections and workers below, so that it outlives them.
     asio::io_context io{1};
     std::unique_ptr<asio::ssl::context> tls_context;
@@ -108,6 +114,9 @@ class server_core final : public connection_host {
 server_core::server_core(dh_db& db, const std::string& socket_dir, unsigned port, bool local_only,
                          options o)
     : opts(o),
+      db(db),
+      own_scheduler(o.scheduler ? nullptr : std::make_unique<dh::scheduler>(dh::system_clock(), 1)),
+      heartbeat_scheduler_(o.scheduler ? o.scheduler : own_scheduler.get()),
       sockets(
           io, [this](generic_socket s, client_identity c) { accepted(std::move(s), c); },
           [this](std::shared_ptr<tls_stream> s, client_identity c) {
@@ -240,6 +249,26 @@ void server_core::closed(connection& c) {
     budget_.release(c.client());
     sessions_.erase(c.id());
     connection_count_.store(sessions_.size());
+}
+
+std::string server_core::heartbeat_line() {
+    codec::string_buffer sb;
+    codec::json_writer w(sb);
+    w.StartObject();
+    w.Key("jsonrpc");
+    w.String("2.0");
+    w.Key("method");
+    w.String("heartbeat");
+    w.Key("params");
+    w.StartObject();
+    w.Key("seq");
+    w.Uint64(db.latest_seq());
+    w.Key("time");
+    const std::string now = dh_db::utc_now_iso();
+    w.String(now.c_str(), static_cast<rapidjson::SizeType>(now.size()));
+    w.EndObject();
+    w.EndObject();
+    return {sb.GetString(), sb.GetSize()};
 }
 
 void server_core::end_subscriptions_later(std::shared_ptr<connection> c) {

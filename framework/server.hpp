@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "roles.hpp"
+#include "scheduler.hpp"
 
 class dh_db;
 
@@ -60,6 +61,9 @@ struct options {
     std::shared_ptr<const role_map> roles;
     // Paths whose set or run interrupts service: admin only when roles apply.
     std::vector<std::string> admin_only;
+    // Times the heartbeats of subscribers that ask for them; it must outlive the server.
+    // Without one the server runs a scheduler of its own on the steady clock.
+    dh::scheduler* scheduler = nullptr;
 };
 
 // The newline-delimited JSON-RPC 2.0 server over the node tree.

@@ -204,7 +204,6 @@ class config_param : public dh_db_event_node {
         event.AddMember("value", to_json_value(*value_, event.GetAllocator()),
                         event.GetAllocator());
         send_event_impl(std::move(event));
-        db().append_to_history(*this);
     }
 
     // mutex_ held. A read of a set value logs one warning if the parameter was created unset.

@@ -216,7 +216,6 @@ class hysteresis_filtered_value final : public Impl {
         event.AddMember("value", to_json_value(*published_, event.GetAllocator()),
                         event.GetAllocator());
         this->send_event_impl(std::move(event));
-        this->db().append_to_history(*this);
     }
 
     const filter_type filter_;

@@ -121,7 +121,6 @@ class status_value : public dh_db_event_node {
         event.AddMember("value", to_json_value(published_, event.GetAllocator()),
                         event.GetAllocator());
         send_event_impl(std::move(event));
-        db().append_to_history(*this);
     }
 
     // Guards the values and the cycle counter; taken by set, get, periodic_task and subscribe.

@@ -70,3 +70,22 @@ TEST(DhctlView, RedrawMovesUpOverTheLastTable) {
     EXPECT_EQ(dc::redraw_over(3), "\x1b[3A\r\x1b[J");
     EXPECT_EQ(dc::redraw_over(0), "\x1b[J");
 }
+
+TEST(DhctlView, PatternsAreWholeWildcardSegments) {
+    EXPECT_TRUE(dc::is_pattern("data/*/linkStatus"));
+    EXPECT_TRUE(dc::is_pattern("data/e13/.../"));
+    EXPECT_TRUE(dc::is_pattern("*"));
+    EXPECT_FALSE(dc::is_pattern("data/e1*/linkStatus"));
+    EXPECT_FALSE(dc::is_pattern("data/.../x"));
+    EXPECT_FALSE(dc::is_pattern("data/e1/linkStatus"));
+}
+
+TEST(DhctlView, PatternReadsLineUpPathsAndValues) {
+    const std::vector<std::pair<std::string, std::string>> rows = {
+        {"data/e1/linkStatus", "up"},
+        {"data/e13/sfp/rxPower", "error -61: Value has not been set"}};
+    EXPECT_EQ(dc::value_table(rows, false),
+              "data/e1/linkStatus    up\n"
+              "data/e13/sfp/rxPower  error -61: Value has not been set\n");
+    EXPECT_EQ(dc::value_table({{"a", "1"}}, true), "PATH  VALUE\na     1\n");
+}

@@ -154,7 +154,6 @@ class value_node : public dh_db_event_node {
         if (value_ == v) return;
         value_.CopyFrom(v, value_.GetAllocator());
         send_event_impl(event());
-        db().append_to_history(*this);
     }
     void subscribe(const std::shared_ptr<dh_session>& s, std::string_view path, dh::Allocator& a,
                    dh::Value& out, std::unique_lock<std::mutex>& lock) override {
