@@ -73,12 +73,6 @@ class AtomicWritesTest(unittest.TestCase):
         self.assertEqual(datastore_runs(dev, mark)[1], 0)
         self.assertEqual(dev.get("config/e28/ipv4Settings")["ipAddress"], "192.0.2.10")
 
-        # Parameters whose setter is not a datastore edit are refused up front.
-        self.assertEqual(error_of(lambda: dev.call("set_many", {"updates": [
-            {"path": "config/ntp/adminStatus", "value": "down"},
-            {"path": "config/acl/adminStatus", "value": "down"}]}))[:2],
-            (-95, "Operation not supported in set_many or with confirm_timeout: config/acl/adminStatus"))
-        self.assertTrue(dev.datastore("running")["ietf-system:system"]["ntp"]["enabled"])
 
     def test_a_management_address_change_is_rolled_back_unless_confirmed(self):
         dev = dhtest.Device(self)

@@ -1,3 +1,4 @@
+#include <set>
 #include <string>
 #include <vector>
 
@@ -32,6 +33,18 @@ TEST_F(NodeMap, RegistersEveryLeafOnceAndExportsThreeTimes) {
         EXPECT_EQ(db.find_leaf_node(path), nullptr) << path;
     EXPECT_EQ(exports_at_start, 3u);
     EXPECT_EQ(fake->count("--import"), 0u);
+}
+
+TEST_F(NodeMap, OnlyParametersWhoseSetterIsADatastoreEditCanBeBatched) {
+    std::set<std::string> not_batchable;
+    for (const auto& node : db.list("config"))
+        if (!node->batchable()) not_batchable.insert(node->get_path(0));
+    std::set<std::string> expected{"config/automationMode", "config/acl/whitelist",
+                                   "config/acl/adminStatus"};
+    for (std::string_view port : sysrepo_common::RDM_INTERFACES)
+        expected.insert("config/" + std::string(port) + "/lldp/enable");
+    EXPECT_EQ(not_batchable, expected);
+    EXPECT_FALSE(db.find_leaf_node("command/reboot")->batchable());
 }
 
 TEST_F(NodeMap, OpticalPowersAndTemperaturesDescribeTheirUnit) {
