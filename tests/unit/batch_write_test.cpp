@@ -52,17 +52,6 @@ TEST_F(BatchWrite, ExportsOnceImportsEachDatastoreOnceAndThenActsOnTheHost) {
     EXPECT_EQ(read_node(db, "config/ospf/e4/metric"), "20");
 }
 
-TEST_F(BatchWrite, NothingTakesEffectBeforeTheCommit) {
-    dh::write_batch batch;
-    for (const auto& [path, json] : three) db.find_leaf_node(path)->set(path, parse(json));
-    EXPECT_EQ(fake->count("--import"), 0u);
-    EXPECT_EQ(fake->count(ntpd_restart), 0u);
-    EXPECT_EQ(root.read("/etc/resolv.conf"), "absent");
-    EXPECT_EQ(read_node(db, "config/ntp/primaryServer"), R"("10.0.0.1")");
-    batch.commit();
-    EXPECT_EQ(read_node(db, "config/ntp/primaryServer"), R"("192.0.2.1")");
-}
-
 TEST_F(BatchWrite, ARefusedUpdateChangesNothingAndPutsModelsBack) {
     EXPECT_EQ(write_together({{"config/ospf/areaId", R"("0.0.0.9")"},
                               {"config/e28/ipv4Settings", new_mgmt},
