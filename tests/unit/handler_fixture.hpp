@@ -22,7 +22,6 @@
 
 #include "dh_error.hpp"
 #include "door.hpp"
-#include "log_capture.hpp"
 #include "msg_log.hpp"
 #include "sysrepo_common.hpp"
 #include "sysrepo_device_handler.hpp"
