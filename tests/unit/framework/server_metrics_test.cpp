@@ -46,7 +46,10 @@ TEST_F(ServerMetrics, RequestsConnectionsAndEvents) {
                     R"("params":{"path":"config/ntp/server","value":"10.0.0.1"}})");
         EXPECT_EQ(requests("get", "ok"), get_ok + 1);
         EXPECT_EQ(requests("get", "error"), get_error + 1);
+        // A method name a client made up is not a label value of its own.
         EXPECT_EQ(requests("other", "error"), other_error + 1);
+        EXPECT_FALSE(
+            metric_sample("dh_requests_total", {{"method", "drop"}, {"outcome", "error"}}));
         EXPECT_EQ(requests("set", "ok"), set_ok + 1);
         EXPECT_EQ(timed("get"), get_timed + 2);
 
