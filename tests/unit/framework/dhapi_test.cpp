@@ -243,7 +243,7 @@ TEST_F(DhApi, ParameterConversionsAndDescription) {
               R"({"min":1,"max":65535,"grid":1})");
 }
 
-TEST_F(DhApi, CommandRunsWithFixedArgumentsAndAnswersTheResult) {
+TEST_F(DhApi, CommandAndVolatileValueCallTheMethodEachTime) {
     auto restore = command<&fake_handler::restore>::create(db, "command/restoreFactoryDefaults",
                                                            handler, true);
     EXPECT_EQ(run(*restore, "3"), "true");
@@ -251,11 +251,7 @@ TEST_F(DhApi, CommandRunsWithFixedArgumentsAndAnswersTheResult) {
     EXPECT_EQ(handler->calls, (strings{"reboot 3", "reboot 12"}));
     EXPECT_THROW(run(*restore, "true"), json_value_conversion_error);
     EXPECT_EQ(error_of([&] { write(*restore, "1"); }).code(), -95);
-    handler.reset();
-    EXPECT_EQ(error_of([&] { run(*restore, "1"); }).message(), "Object has been removed");
-}
 
-TEST_F(DhApi, VolatileValueCallsTheMethodAtEveryRead) {
     auto status = volatile_value<&fake_handler::status_of>::create(db, "data/e1/ipv4Settings",
                                                                    handler, std::string("e1"));
     EXPECT_EQ(read(*status), "\"e1 #1\"");
@@ -263,6 +259,7 @@ TEST_F(DhApi, VolatileValueCallsTheMethodAtEveryRead) {
     handler->fail = true;
     EXPECT_EQ(error_of([&] { read(*status); }).message(), "refused");
     handler.reset();
+    EXPECT_EQ(error_of([&] { run(*restore, "1"); }).message(), "Object has been removed");
     EXPECT_EQ(error_of([&] { read(*status); }).code(), -2);
 }
 
@@ -368,19 +365,6 @@ TEST_F(DhApi, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors) {
     handler.reset();
     node->periodic_task(true);
     EXPECT_EQ(read(*node), "9.0");
-}
-
-TEST_F(DhApi, PolledValuePollsThroughItsGroup) {
-    dh::manual_scheduler sched;
-    value_group group(sched, 10, 0);
-    auto node = polled_margin::create(db, "data/temperatureMargin", handler,
-                                      hysteresis_filter<double>::make_default(1.0, 0.5, 1), 2);
-    subscribe(*node, alice);
-    handler->margin = 3.0;
-    group.add_value(node, 1);
-    sched.run_pending();
-    EXPECT_EQ(alice->values(), strings{"3.0"});
-    EXPECT_EQ(to_json_text(parse(info(*node))["pollInterval"]), "20");
 }
 
 namespace {
