@@ -2,10 +2,13 @@
 
 #include <exception>
 
+#include <gmock/gmock.h>
+
 #include "dh_client.hpp"
 #include "server_test_support.hpp"
 
 namespace dc = dh::client;
+using ::testing::HasSubstr;
 
 namespace server_test {
 namespace {
@@ -48,6 +51,17 @@ class scripted_server {
     std::thread thread_;
     std::exception_ptr failure_;
 };
+
+// What the E that f throws says; "" when it throws nothing.
+template <typename E, typename F>
+std::string thrown(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "";
+}
 
 std::string response(std::uint64_t id, const std::string& body) {
     return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + "," + body + "}\n";
@@ -111,13 +125,8 @@ TEST(client_library, ErrorObjectsBecomeRpcErrors) {
         EXPECT_EQ(e.data(), parse(R"({"expected":"uint"})"));
     }
     // An error without id answers the request it interrupted.
-    try {
-        c.run("big", parse("null"));
-        FAIL() << "no error";
-    } catch (const dc::rpc_error& e) {
-        EXPECT_EQ(e.code(), -32600);
-        EXPECT_FALSE(e.has_data());
-    }
+    EXPECT_EQ(thrown<dc::rpc_error>([&] { c.run("big", parse("null")); }),
+              "error -32600: Too large");
     EXPECT_THROW(c.get("y"), dc::connection_error);  // not an error object
     server.finish();
 }
@@ -160,23 +169,12 @@ TEST(client_library, TimedOutCallLeavesConnectionUsable) {
     EXPECT_THROW(c.get("slow"), dc::timeout_error);
     c.set_timeout(5s);
     EXPECT_EQ(c.get("fast"), parse(R"("second")"));
-    try {
-        c.get("gone");
-        FAIL() << "no error";
-    } catch (const dc::timeout_error&) {
-        FAIL() << "closed connection reported as timeout";
-    } catch (const dc::connection_error& e) {
-        EXPECT_NE(std::string(e.what()).find("closed"), std::string::npos) << e.what();
-    }
+    EXPECT_THAT(thrown<dc::connection_error>([&] { c.get("gone"); }), HasSubstr("closed"));
     server.finish();
 
     const std::string missing = make_temp_dir() + "/missing.sock";
-    try {
-        dc::client::unix_socket(missing);
-        FAIL() << "connected";
-    } catch (const dc::connection_error& e) {
-        EXPECT_NE(std::string(e.what()).find(missing), std::string::npos) << e.what();
-    }
+    EXPECT_THAT(thrown<dc::connection_error>([&] { dc::client::unix_socket(missing); }),
+                HasSubstr(missing));
     std::filesystem::remove_all(std::filesystem::path(missing).parent_path());
 }
 

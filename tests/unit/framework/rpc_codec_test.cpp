@@ -123,12 +123,10 @@ TEST(envelope, IdsMethodsAndVersions) {
                   std::string::npos)
             << sb.GetString();
     }
+    // Method names are case-sensitive.
     rapidjson::Document d;
-    d.Parse(R"({"jsonrpc":"2.0","id":1,"method":"history"})");
-    request r;
-    ASSERT_TRUE(parse_envelope(d, r));
-    EXPECT_EQ(r.method, method_id::history);
     d.Parse(R"({"jsonrpc":"2.0","id":1,"method":"Get"})");
+    request r;
     ASSERT_TRUE(parse_envelope(d, r));
     EXPECT_EQ(r.method, method_id::unknown);
 }
