@@ -93,18 +93,14 @@ class MetricsTest(unittest.TestCase):
         # The default device: modules in e13 (-3.98 dBm received) and e14, none in e15.
         wait_until(lambda: prometheus.value('dh_sfp_rx_power_dbm{port="e13"}') == -3.98,
                    timeout=40, message="Prometheus never saw e13's receive power")
-        self.assertEqual(prometheus.value('up{job="device"}'), 1)
-        self.assertEqual(prometheus.value('dh_sfp_tx_power_dbm{port="e13"}'), -3.0)
-        self.assertEqual(prometheus.value('dh_sfp_present{port="e15"}'), 0)
-        self.assertEqual(prometheus.value('dh_sfp_temperature_margin_celsius{port="e13"}'), 40.0)
-        # Ports without a module never had a power reading: no series at all.
-        self.assertEqual(prometheus.query('dh_sfp_rx_power_dbm{port="e15"}'), {})
-        # Module readings straight from its last ethtool text, in base units.
-        self.assertEqual(prometheus.value('dh_sfp_temperature_celsius{port="e13"}'), 35.0)
-        self.assertEqual(prometheus.value('dh_sfp_supply_voltage_volts{port="e13"}'), 3.301)
-        self.assertEqual(prometheus.value('dh_sfp_laser_bias_current_amperes{port="e13"}'), 0.03512)
-        self.assertEqual(prometheus.value('dh_link_up{interface="e1"}'), 1)
-        self.assertEqual(prometheus.value('dh_link_up{interface="e21"}'), 0)
+        # Module readings in base units (the last ones straight from the ethtool text); ports
+        # without a module never had a power reading, so they have no series at all.
+        expected = {'up{job="device"}': 1, 'dh_sfp_tx_power_dbm{port="e13"}': -3.0,
+                    'dh_sfp_present{port="e15"}': 0, 'dh_sfp_temperature_margin_celsius{port="e13"}': 40.0,
+                    'dh_sfp_temperature_celsius{port="e13"}': 35.0, 'dh_sfp_supply_voltage_volts{port="e13"}': 3.301,
+                    'dh_sfp_laser_bias_current_amperes{port="e13"}': 0.03512, 'dh_link_up{interface="e1"}': 1,
+                    'dh_link_up{interface="e21"}': 0, 'dh_sfp_rx_power_dbm{port="e15"}': None}
+        self.assertEqual({query: prometheus.value(query) for query in expected}, expected)
 
         # The reader's ethtool runs and the start-up exports, counted by the door.
         self.assertGreater(
@@ -122,13 +118,6 @@ class MetricsTest(unittest.TestCase):
         self.assertEqual(prometheus.query("dh_ntp_synchronized"), {})
         dev.get("data/ntp/serverStatus")
         wait_until(lambda: prometheus.value("dh_ntp_synchronized") == 1, timeout=10)
-
-        # Requests answered, by method.
-        before = prometheus.value('dh_requests_total{method="get",outcome="ok"}') or 0
-        for _ in range(3):
-            dev.get("data/configStatus")
-        wait_until(lambda: (prometheus.value('dh_requests_total{method="get",outcome="ok"}') or 0)
-                   >= before + 3, timeout=10)
 
         # A module taken out shows within a few scrapes.
         os.unlink(dev.path("sfp", "e14.txt"))

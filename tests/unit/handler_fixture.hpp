@@ -17,12 +17,9 @@
 
 #include <gtest/gtest.h>
 #include <rapidjson/pointer.h>
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 
 #include "dh_error.hpp"
 #include "door.hpp"
-#include "log_capture.hpp"
 #include "msg_log.hpp"
 #include "sysrepo_common.hpp"
 #include "sysrepo_device_handler.hpp"
@@ -137,10 +134,7 @@ class temp_root {
 };
 
 inline std::string to_json(const dh::Value& v) {
-    rapidjson::StringBuffer buffer;
-    rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
-    v.Accept(writer);
-    return buffer.GetString();
+    return json_text(v);
 }
 
 inline Document parse(const std::string& json) {

@@ -1,10 +1,12 @@
 #include <string>
 
 #include "handler_fixture.hpp"
+#include "oper_state.hpp"
 
-// Accepted settings of "mgmt", e27 and e28 also refill the packet filter's sets and write rule
-// files under /var/persistent, so they are tested in the simulated device; here: validation, the
-// document edits and the readers.
+// Interface addresses, the default gateway, the management filter sets, interface modes and the
+// operational state. Accepted settings of "mgmt", e27 and e28 also refill the packet filter's
+// sets and write rule files under /var/persistent, so they are tested in the simulated device;
+// here: validation, the document edits and the readers.
 
 namespace {
 
@@ -176,6 +178,146 @@ TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
               "-22 Invalid interface name: e13");
     EXPECT_EQ(error_of([&] { handler->interfaces().set_interface_mode("e1", "both"); }),
               "-22 Unknown interface mode: both");
+}
+
+using Gateway = handler_test;
+
+std::string routing(const std::string& protocols) {
+    return R"({"ietf-routing:routing":{"control-plane-protocols":{"control-plane-protocol":[)" +
+           protocols + "]}}}";
+}
+
+TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
+    Document doc = parse("{}");
+    handler->interfaces().update_gateway(doc, "10.0.0.254");
+    const std::string created =
+        R"({"type":"infix-routing:static","name":"default","static-routes":{)"
+        R"("ietf-ipv4-unicast-routing:ipv4":{"route":[{"destination-prefix":"0.0.0.0/0",)"
+        R"("next-hop":{"next-hop-address":"10.0.0.254"}}]}}})";
+    EXPECT_EQ(to_json(doc), routing(created));
+
+    // Only the first route's next hop changes; its prefix and further routes stay.
+    const std::string routes =
+        R"({"type":"infix-routing:static","name":"s","static-routes":{"ietf-ipv4-unicast-routing:ipv4":)"
+        R"({"route":[{"destination-prefix":"10.0.0.0/8","next-hop":{"next-hop-address":"{}"}},)"
+        R"({"destination-prefix":"0.0.0.0/0"}]}}})";
+    const auto with_hop = [&](const std::string& hop) {
+        return routing(std::string(routes).replace(routes.find("{}"), 2, hop));
+    };
+    doc = parse(with_hop("1.1.1.1"));
+    handler->interfaces().update_gateway(doc, "10.0.0.1");
+    EXPECT_EQ(to_json(doc), with_hop("10.0.0.1"));
+
+    doc = parse(routing(R"({"type":"infix-routing:ospfv2"},)" + created));
+    handler->interfaces().update_gateway(doc, "");
+    EXPECT_EQ(to_json(doc), routing(R"({"type":"infix-routing:ospfv2"})"));
+
+    // A static entry without routes is left without a gateway.
+    const std::string empty_routes = routing(
+        R"({"type":"infix-routing:static","static-routes":{"ietf-ipv4-unicast-routing:ipv4":{"route":[]}}})");
+    doc = parse(empty_routes);
+    handler->interfaces().update_gateway(doc, "10.0.0.1");
+    EXPECT_EQ(to_json(doc), empty_routes);
+}
+
+TEST_F(Gateway, SetAndGetThroughTheRunningConfiguration) {
+    running_is(running_doc());
+    EXPECT_EQ(handler->interfaces().get_gateway(), "192.0.2.1");
+    handler->datastore().edit(
+        [](Document& d) { interfaces_unit::update_gateway(d, "192.0.2.254"); });
+    keep_last_import();
+    EXPECT_EQ(handler->interfaces().get_gateway(), "192.0.2.254");
+    EXPECT_EQ(imports("startup").size(), 1u);
+
+    EXPECT_EQ(error_of([&] {
+                  handler->datastore().edit(
+                      [](Document& d) { interfaces_unit::update_gateway(d, "gw.example"); });
+              }),
+              "-22 Invalid gateway address: gw.example");
+    EXPECT_EQ(imports().size(), 1u);
+
+    // The document edit of a removal is checked above.
+    handler->datastore().edit([](Document& d) { interfaces_unit::update_gateway(d, ""); });
+    keep_last_import();
+    EXPECT_EQ(handler->interfaces().get_gateway(), "0.0.0.0");
+    running_is(routing(
+        R"({"type":"infix-routing:static","static-routes":{"ietf-ipv4-unicast-routing:ipv4":{"route":[]}}})"));
+    EXPECT_EQ(handler->interfaces().get_gateway(), "0.0.0.0");
+}
+
+using MgmtFirewall = handler_test;
+
+const std::string nft = ns + "/usr/sbin/nft -f -";
+const std::string rule_dir = "/var/persistent/etc/nftables/";
+
+TEST_F(MgmtFirewall, RefillsTheSetAndSavesItsListing) {
+    fake->on("list set inet filter mgmt_ip_addresses",
+             fake_executor::reply{0, "table inet filter { set mgmt_ip_addresses { } }\n"});
+    handler->interfaces().update_mgmt_nft("10.0.0.5", mgmt_ports::mgmt);
+    EXPECT_EQ(fake->inputs(nft), (texts{"flush set inet filter mgmt_ip_addresses;add element "
+                                        "inet filter mgmt_ip_addresses {10.0.0.5} \n",
+                                        "list set inet filter mgmt_ip_addresses;\n"}));
+    EXPECT_EQ(root.read(rule_dir + "ruleset-mgmt-ip.nft"),
+              "table inet filter { set mgmt_ip_addresses { } }\n");
+
+    // An empty text only flushes; an empty listing leaves the file alone.
+    fake->clear();
+    handler->interfaces().update_mgmt_nft("", mgmt_ports::e27);
+    EXPECT_EQ(fake->inputs(nft).front(), "flush set inet filter e27_ip_addresses;\n");
+    EXPECT_EQ(root.read(rule_dir + "ruleset-e27-ip.nft"), "absent");
+
+    // A failing nft is logged and the update goes on with the listing.
+    fake->on("flush set inet filter e28", fake_executor::reply{256, ""});
+    fake->on("list set inet filter e28", fake_executor::reply{0, "listing\n"});
+    handler->interfaces().update_mgmt_nft("1.1.1.1", mgmt_ports::e28);
+    EXPECT_EQ(root.read(rule_dir + "ruleset-e28-ip.nft"), "listing\n");
+
+    fake->clear();
+    EXPECT_EQ(error_of([&] {
+                  handler->interfaces().update_mgmt_nft("1.1.1.1", static_cast<mgmt_ports>(3));
+              }),
+              "-22 Invalid interface for mgmt nft rule");
+    EXPECT_TRUE(fake->calls().empty());
+}
+
+// data/operational.json holds interfaces in the forms the operational datastore gives them:
+// full state, state from "enabled" only, an unusual oper-status, an unreadable speed, and bridge
+// membership by either leaf or by a higher-layer interface.
+TEST(OperState, StatusTextsFromInterfaceEntries) {
+    const Document oper = parse(data_file("operational.json"));
+    const std::pair<const char*, const char*> rows[] = {
+        {"e1", "up up 1000BaseT none"},
+        {"e11", "down down unknown br0"},
+        {"e12", "down down unknown br1"},
+        {"e13", "up up 10G br0"},
+        {"e27", "unknown unknown unknown unknown"},
+    };
+    for (auto [name, expected] : rows) {
+        const auto s = interface_status_from(find_oper_interface(oper, name));
+        EXPECT_EQ(
+            s.admin_status + " " + s.link_status + " " + s.link_media_type + " " + s.bridge_port,
+            expected);
+    }
+    EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(oper, "e1"), "02:00:00:00:00:01");
+    EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(oper, "e12"), "");
+    EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(oper, "e99"), "");
+
+    // A failed or empty export: every lookup finds nothing instead of failing.
+    for (const char* json : {"null", "{}", R"({"ietf-interfaces:interfaces": []})",
+                             R"({"ietf-interfaces:interfaces": {"interface": {}}})"}) {
+        EXPECT_EQ(find_oper_interface(parse(json), "e1"), nullptr) << json;
+        EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(parse(json), "e1"), "") << json;
+    }
+}
+
+TEST(OperState, LinkMediaTypeFromSpeed) {
+    const std::pair<const char*, const char*> cases[] = {
+        {R"("1.0")", "1000BaseT"}, {"1", "1000BaseT"},    {R"("0.1")", "100BaseT"},
+        {R"("0.01")", "10BaseT"},  {R"("10.0")", "10G"},  {R"("2.5")", "2.5G"},
+        {R"("0.25")", "250M"},     {R"("0")", "unknown"}, {R"("-1")", "unknown"},
+        {R"("1.0 ")", "unknown"},  {"true", "unknown"}};
+    for (auto [json, text] : cases)
+        EXPECT_EQ(link_media_type_from_speed(parse(json)), text) << json;
 }
 
 }  // namespace

@@ -47,20 +47,6 @@ TEST_F(NodeMap, OnlyParametersWhoseSetterIsADatastoreEditCanBeBatched) {
     EXPECT_FALSE(db.find_leaf_node("command/reboot")->batchable());
 }
 
-TEST_F(NodeMap, OpticalPowersAndTemperaturesDescribeTheirUnit) {
-    const auto unit = [&](const char* path) -> std::string {
-        const auto node = db.find_leaf_node(path);
-        if (!node) return "no node";
-        dh::Document d;
-        const dh::Value info = node->get_info(d.GetAllocator());
-        const auto it = info.FindMember("unit");
-        return it == info.MemberEnd() ? "none" : it->value.GetString();
-    };
-    EXPECT_EQ(unit("data/e14/sfp/rxPowerLowWarningThreshold"), "dBm");
-    EXPECT_EQ(unit("data/temperatureMargin"), "°C");
-    EXPECT_EQ(unit("config/ospf/e1/metric"), "none");
-}
-
 TEST_F(NodeMap, InitialValuesComeFromTheStartUpDocuments) {
     const std::pair<const char*, const char*> values[] = {
         {"data/fwVersion", R"("2.3.1")"},

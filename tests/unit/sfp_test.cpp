@@ -104,6 +104,7 @@ TEST_F(Sfp, PowersAndMarginOfPresentModules) {
     // Nothing is read for a port the poll has not found a module in.
     EXPECT_EQ(error_of([&] { reader->get_power("Laser output power", "e13"); }),
               "-22 Failed to get SFP info. SFP+ e13 not present.");
+    EXPECT_EQ(error_of([&] { reader->get_master_margin(); }), "-61 Value has not been set");
     EXPECT_TRUE(fake->calls().empty());
 
     EXPECT_TRUE(reader->update_present("e13"));
@@ -113,9 +114,12 @@ TEST_F(Sfp, PowersAndMarginOfPresentModules) {
     EXPECT_DOUBLE_EQ(reader->get_power("Receiver signal average optical power", "e13"), -99.0);
     EXPECT_DOUBLE_EQ(reader->get_power("Receiver signal average optical power", "e14"), -39.99);
     EXPECT_DOUBLE_EQ(reader->get_temp_margin("e14"), -5.5);
-    set_module("e13", std::nullopt);
-    EXPECT_FALSE(reader->update_present("e13"));
-    EXPECT_FALSE(reader->present("e13"));
+    // The device's margin is that of its warmest present module.
+    EXPECT_DOUBLE_EQ(reader->get_master_margin(), -5.5);
+    set_module("e14", std::nullopt);
+    EXPECT_FALSE(reader->update_present("e14"));
+    EXPECT_FALSE(reader->present("e14"));
+    EXPECT_DOUBLE_EQ(reader->get_master_margin(), 30.0);
 }
 
 TEST_F(Sfp, LastReadingsComeFromWhatTheReaderHoldsWithoutEthtool) {
@@ -187,10 +191,6 @@ TEST_F(Sfp, TheInventoryComesFromTheLookThatFoundTheModule) {
     EXPECT_TRUE(reader->update_present("e13"));
     EXPECT_EQ(read_node(db, "e13/sfp/present"), "true");
     EXPECT_EQ(read_node(db, "e13/sfp/inventory/serialNumber"), R"("SN123456")");
-}
-
-TEST_F(Sfp, NoModuleMeansNoMasterMargin) {
-    EXPECT_EQ(error_of([&] { handler->sfp().get_master_margin(); }), "-61 Value has not been set");
 }
 
 }  // namespace

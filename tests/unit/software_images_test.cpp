@@ -137,7 +137,7 @@ TEST_F(Images, InstallThatDoesNotActivateOrFails) {
 TEST_F(Images, RefusedArgumentsRunNothing) {
     for (const std::string& url : std::vector<std::string>{
              "http://h/$(touch /tmp/x)", "http://h/`id`", "http://h/a;b", "http://h/a b",
-             "http://h/a'b", "http://h/a\nb", "http://h/a\x7f", "http://h/{a}", "a|b"}) {
+             "http://h/a'b", "http://h/a\nb", "http://h/a\x7f", "http://h/{a}", "a|b", "--help"}) {
         const std::string message = "Failed to install image from url: " + url + ", invalid url.";
         EXPECT_EQ(error_of([&] { handler->images().boot_image(url); }), "-22 " + message);
         EXPECT_EQ(handler->images().get_install_status(), message);
@@ -147,11 +147,12 @@ TEST_F(Images, RefusedArgumentsRunNothing) {
                   "-22 Invalid document, missing 'pkg' field.")
             << doc;
     // The extra package is handled first: its refusal ends the operation before any install.
-    EXPECT_EQ(
-        error_of([&] {
-            handler->images().boot_image(R"j({"pkg":"http://h/ok","extra":"http://h/$(reboot)"})j");
-        }),
-        "-22 Failed to install image from url: http://h/$(reboot), invalid url.");
+    for (const std::string extra : {"http://h/$(reboot)", "-rf"})
+        EXPECT_EQ(
+            error_of([&] {
+                handler->images().boot_image(R"({"pkg":"http://h/ok","extra":")" + extra + "\"}");
+            }),
+            "-22 Failed to install image from url: " + extra + ", invalid url.");
     EXPECT_TRUE(fake->calls().empty());
 }
 

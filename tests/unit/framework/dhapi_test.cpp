@@ -243,7 +243,7 @@ TEST_F(DhApi, ParameterConversionsAndDescription) {
               R"({"min":1,"max":65535,"grid":1})");
 }
 
-TEST_F(DhApi, CommandRunsWithFixedArgumentsAndAnswersTheResult) {
+TEST_F(DhApi, CommandAndVolatileValueCallTheMethodEachTime) {
     auto restore = command<&fake_handler::restore>::create(db, "command/restoreFactoryDefaults",
                                                            handler, true);
     EXPECT_EQ(run(*restore, "3"), "true");
@@ -251,11 +251,7 @@ TEST_F(DhApi, CommandRunsWithFixedArgumentsAndAnswersTheResult) {
     EXPECT_EQ(handler->calls, (strings{"reboot 3", "reboot 12"}));
     EXPECT_THROW(run(*restore, "true"), json_value_conversion_error);
     EXPECT_EQ(error_of([&] { write(*restore, "1"); }).code(), -95);
-    handler.reset();
-    EXPECT_EQ(error_of([&] { run(*restore, "1"); }).message(), "Object has been removed");
-}
 
-TEST_F(DhApi, VolatileValueCallsTheMethodAtEveryRead) {
     auto status = volatile_value<&fake_handler::status_of>::create(db, "data/e1/ipv4Settings",
                                                                    handler, std::string("e1"));
     EXPECT_EQ(read(*status), "\"e1 #1\"");
@@ -263,6 +259,7 @@ TEST_F(DhApi, VolatileValueCallsTheMethodAtEveryRead) {
     handler->fail = true;
     EXPECT_EQ(error_of([&] { read(*status); }).message(), "refused");
     handler.reset();
+    EXPECT_EQ(error_of([&] { run(*restore, "1"); }).message(), "Object has been removed");
     EXPECT_EQ(error_of([&] { read(*status); }).code(), -2);
 }
 
@@ -370,19 +367,6 @@ TEST_F(DhApi, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors) {
     EXPECT_EQ(read(*node), "9.0");
 }
 
-TEST_F(DhApi, PolledValuePollsThroughItsGroup) {
-    dh::manual_scheduler sched;
-    value_group group(sched, 10, 0);
-    auto node = polled_margin::create(db, "data/temperatureMargin", handler,
-                                      hysteresis_filter<double>::make_default(1.0, 0.5, 1), 2);
-    subscribe(*node, alice);
-    handler->margin = 3.0;
-    group.add_value(node, 1);
-    sched.run_pending();
-    EXPECT_EQ(alice->values(), strings{"3.0"});
-    EXPECT_EQ(to_json_text(parse(info(*node))["pollInterval"]), "20");
-}
-
 namespace {
 
 struct ticking_node : dh_db_leaf_node {
@@ -397,42 +381,29 @@ struct ticking_node : dh_db_leaf_node {
 
 }  // namespace
 
-TEST(DhApiValueGroup, TicksMonitoredMembersAndSurvivesTheirFailures) {
+TEST(DhApiValueGroup, TicksFromItsPhaseSurvivesFailuresAndEndsWithTheGroup) {
     dh_db db;
     dh::manual_scheduler sched;
     auto monitored = std::make_shared<ticking_node>(db, strings{"a"});
     auto broken = std::make_shared<ticking_node>(db, strings{"b"});
     auto plain = std::make_shared<ticking_node>(db, strings{"c"});
     broken->fail = true;
-    value_group group(sched, 5, 0);
-    group.add_value(monitored, 1);
-    group.add_value(broken, 1);
-    group.add_value(plain, 0);
-    EXPECT_EQ(group.size(), 3u);
-
-    sched.advance(20ms);  // phase 0: the first tick at once, then every 5 ms
-    EXPECT_EQ(monitored->ticks, 5u);
-    EXPECT_EQ(broken->ticks, 5u);
-    EXPECT_EQ(plain->ticks, 0u);
-
-    broken.reset();
-    EXPECT_EQ(group.size(), 2u);
-    sched.advance(15ms);
-    EXPECT_EQ(monitored->ticks, 8u);
-}
-
-TEST(DhApiValueGroup, PhaseDelaysTheFirstTickAndDestructionEndsTicksAndJobs) {
-    dh_db db;
-    dh::manual_scheduler sched;
-    auto node = std::make_shared<ticking_node>(db, strings{"a"});
     bool ran = false;
     {
         value_group group(sched, 5, 200);
-        group.add_value(node, 1);
+        group.add_value(monitored, 1);
+        group.add_value(broken, 1);
+        group.add_value(plain, 0);
         sched.advance(199ms);
-        EXPECT_EQ(node->ticks, 0u);
-        sched.advance(1ms);
-        EXPECT_EQ(node->ticks, 1u);
+        EXPECT_EQ(monitored->ticks, 0u);
+        sched.advance(21ms);  // the first tick at the phase, then every 5 ms
+        EXPECT_EQ(monitored->ticks, 5u);
+        EXPECT_EQ(broken->ticks, 5u);
+        EXPECT_EQ(plain->ticks, 0u);
+        broken.reset();
+        EXPECT_EQ(group.size(), 2u);
+        sched.advance(5ms);
+        EXPECT_EQ(monitored->ticks, 6u);
 
         group.post([] { throw std::runtime_error("ignored"); });
         group.post([&] { ran = true; });
@@ -441,7 +412,7 @@ TEST(DhApiValueGroup, PhaseDelaysTheFirstTickAndDestructionEndsTicksAndJobs) {
         group.post([&] { ran = false; });  // still waiting when the group goes
     }
     sched.advance(1s);
-    EXPECT_EQ(node->ticks, 1u);
+    EXPECT_EQ(monitored->ticks, 6u);
     EXPECT_TRUE(ran);
 }
 

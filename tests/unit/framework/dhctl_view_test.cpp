@@ -66,11 +66,6 @@ TEST(DhctlView, TableShowsRowsWithoutValueAndCutsLongValuesAtACharacter) {
     EXPECT_EQ(row, "data/any/lldp/neighbours  " + expected_value + "  10:00:00\n");
 }
 
-TEST(DhctlView, RedrawMovesUpOverTheLastTable) {
-    EXPECT_EQ(dc::redraw_over(3), "\x1b[3A\r\x1b[J");
-    EXPECT_EQ(dc::redraw_over(0), "\x1b[J");
-}
-
 TEST(DhctlView, PatternsAreWholeWildcardSegments) {
     EXPECT_TRUE(dc::is_pattern("data/*/linkStatus"));
     EXPECT_TRUE(dc::is_pattern("data/e13/.../"));

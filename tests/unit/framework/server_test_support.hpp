@@ -223,7 +223,6 @@ class tricky_node : public dh_db_leaf_node {
         out.AddMember("echo", dh::Value(in, a), a);
     }
     bool is_async() override { return echo_; }
-    std::string get_info() override { return "command value returning response (write)"; }
 
   private:
     const bool echo_;

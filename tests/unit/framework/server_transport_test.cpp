@@ -5,6 +5,7 @@
 #include <fstream>
 #include <system_error>
 
+#include "../metric_sample.hpp"
 #include "server.hpp"
 #include "server_test_support.hpp"
 
@@ -123,6 +124,7 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
         ASSERT_TRUE(call(*c, subscribe("config/ospf/areaId"))["result"].IsNull());
 
     // Events of 64 KiB: the stalled connection's queue passes 8 MiB after some 130 of them.
+    const double cut_before = metric_count("dh_slow_subscribers_cut_total", {});
     const std::string big(64 * 1024, 'v');
     std::size_t sent = 0;
     const auto deadline = std::chrono::steady_clock::now() + 20s;
@@ -135,6 +137,7 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
         ASSERT_TRUE(answers(busy));
     }
     EXPECT_EQ(param->unsubscribes.load(), 1);
+    EXPECT_EQ(metric_count("dh_slow_subscribers_cut_total", {}), cut_before + 1);
     EXPECT_GT(sent * big.size(), 8u << 20);
     EXPECT_LT(sent * big.size(), 12u << 20);
     EXPECT_TRUE(stalled.closed_by_peer());
@@ -202,9 +205,12 @@ std::string refusal(const char* message) {
            std::string(message) + "\"}}";
 }
 
-TEST(server_limits, NetworkAndUnixSocketHaveSeparateBudgets) {
+// The budget's arithmetic is the codec tests'; here: its refusals on the wire, and a closed
+// connection giving its place back.
+TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
     dh::server::options opts;
-    opts.max_connections = 2;
+    opts.max_connections = 3;
+    opts.max_per_address = 2;
     opts.max_local_connections = 1;
     bare_server s(opts);
     auto a = line_client::tcp(s.srv.tcp_port());
@@ -212,39 +218,19 @@ TEST(server_limits, NetworkAndUnixSocketHaveSeparateBudgets) {
     EXPECT_TRUE(answers(a));
     EXPECT_TRUE(answers(b));
     auto refused = line_client::tcp(s.srv.tcp_port());
-    EXPECT_EQ(refused.read_line(), refusal("Too many connections"));
+    EXPECT_EQ(refused.read_line(), refusal("Too many connections from this address"));
     EXPECT_TRUE(refused.closed_by_peer());
 
-    // The network being full leaves the local slot free; the local budget is its own.
     auto local = line_client::unix_socket(s.srv.socket_path());
     EXPECT_TRUE(answers(local));
     auto local_refused = line_client::unix_socket(s.srv.socket_path());
     EXPECT_EQ(local_refused.read_line(), refusal("Too many connections"));
     EXPECT_EQ(s.srv.connection_count(), 3u);
 
-    // A closed connection frees its place.
     { auto gone = std::move(a); }
     ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 2; }));
     auto c = line_client::tcp(s.srv.tcp_port());
     EXPECT_TRUE(answers(c));
-}
-
-TEST(server_limits, OnePeerAddressCannotTakeAllNetworkSlots) {
-    dh::server::options opts;
-    opts.max_per_address = 2;
-    bare_server s(opts);
-    std::vector<line_client> held;
-    for (int i = 0; i < 2; ++i) {
-        held.push_back(line_client::tcp(s.srv.tcp_port()));
-        EXPECT_TRUE(answers(held.back()));
-    }
-    auto refused = line_client::tcp(s.srv.tcp_port());
-    EXPECT_EQ(refused.read_line(), refusal("Too many connections from this address"));
-    EXPECT_TRUE(refused.closed_by_peer());
-    held.pop_back();
-    ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 1; }));
-    auto again = line_client::tcp(s.srv.tcp_port());
-    EXPECT_TRUE(answers(again));
 }
 
 TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
