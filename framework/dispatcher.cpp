@@ -279,20 +279,28 @@ void dispatcher::node_operation(connection& c, const request& r, const reply_tar
     reply(c, t, r, result);
 }
 
-void dispatcher::submit(connection& c, const request& r, const reply_target& t,
-                        std::shared_ptr<dh_db_leaf_node> node, std::string_view path,
-                        const dh::Value* value) {
+std::unique_ptr<async_job> dispatcher::new_job(const request& r, const reply_target& t,
+                                               std::string_view path) {
     auto job = std::make_unique<async_job>();
-    job->node = std::move(node);
     job->method = r.method;
     job->path.assign(path);
     job->answer = r.answer;
     job->received = received_;
-    auto& a = job->args.GetAllocator();
-    if (r.id) job->args.AddMember("id", dh::Value(*r.id, a), a);
-    if (value) job->args.AddMember("value", dh::Value(*value, a), a);
+    if (r.id)
+        job->args.AddMember("id", dh::Value(*r.id, job->args.GetAllocator()),
+                            job->args.GetAllocator());
     job->target = t;
     if (t.batch) t.batch->pending.fetch_add(1, std::memory_order_relaxed);
+    return job;
+}
+
+void dispatcher::submit(connection& c, const request& r, const reply_target& t,
+                        std::shared_ptr<dh_db_leaf_node> node, std::string_view path,
+                        const dh::Value* value) {
+    auto job = new_job(r, t, path);
+    job->node = std::move(node);
+    auto& a = job->args.GetAllocator();
+    if (value) job->args.AddMember("value", dh::Value(*value, a), a);
     c.submit(std::move(job));
 }
 

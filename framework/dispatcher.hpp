@@ -38,6 +38,9 @@ class dispatcher {
     void node_operation(connection& c, const codec::request& r, const reply_target& t);
     // Raises -32003 when the client's role does not allow the call.
     void check_permission(const connection& c, codec::method_id m, std::string_view path) const;
+    // A worker job for request `r` on `path`, answered to `t` (counted in its batch).
+    std::unique_ptr<async_job> new_job(const codec::request& r, const reply_target& t,
+                                       std::string_view path);
     void submit(connection& c, const codec::request& r, const reply_target& t,
                 std::shared_ptr<dh_db_leaf_node> node, std::string_view path,
                 const dh::Value* value);

@@ -66,17 +66,7 @@ dh::Value error_value(const rpc_error& e, dh::Allocator& a) {
 }
 
 std::shared_ptr<const std::string> notification(const char* method, const dh::Value& params) {
-    codec::string_buffer sb;
-    codec::json_writer w(sb);
-    w.StartObject();
-    w.Key("jsonrpc");
-    w.String("2.0");
-    w.Key("method");
-    w.String(method);
-    w.Key("params");
-    params.Accept(w);
-    w.EndObject();
-    return std::make_shared<const std::string>(sb.GetString(), sb.GetSize());
+    return std::make_shared<const std::string>(codec::notification_text(method, params));
 }
 
 // The replay of a subscription with since_seq. Lines for the connection are held back from
@@ -278,18 +268,11 @@ bool dispatcher::leaf_set_operation(connection& c, const request& r, const reply
         if (async && sub_lock.owns_lock()) sub_lock.unlock();
     }
     if (async) {
-        auto job = std::make_unique<async_job>();
+        auto job = new_job(r, t, path);
         job->node = pattern ? nullptr : nodes.front();
-        job->method = r.method;
-        job->path.assign(path);
-        job->answer = r.answer;
-        job->received = received_;
         auto& a = job->args.GetAllocator();
-        if (r.id) job->args.AddMember("id", dh::Value(*r.id, a), a);
         if (o.since_seq) job->args.AddMember("since_seq", *o.since_seq, a);
         if (o.heartbeat) job->args.AddMember("heartbeat", *o.heartbeat, a);
-        job->target = t;
-        if (t.batch) t.batch->pending.fetch_add(1, std::memory_order_relaxed);
         c.submit(std::move(job));
         return true;
     }

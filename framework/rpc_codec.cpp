@@ -177,6 +177,20 @@ std::string error_text(const rpc_error& e) {
     return {sb.GetString(), sb.GetSize()};
 }
 
+std::string notification_text(const char* method, const dh::Value& params) {
+    string_buffer sb;
+    json_writer w(sb);
+    w.StartObject();
+    w.Key("jsonrpc");
+    w.String("2.0");
+    w.Key("method");
+    w.String(method);
+    w.Key("params");
+    params.Accept(w);
+    w.EndObject();
+    return {sb.GetString(), sb.GetSize()};
+}
+
 bool parse_envelope(const dh::Value& v, request& r) {
     r.answer = true;
     if (!v.IsObject()) return false;

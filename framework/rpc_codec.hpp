@@ -74,6 +74,8 @@ void write_error(string_buffer& sb, json_writer& w, const dh::Value* id, const r
 void write_result(string_buffer& sb, json_writer& w, const dh::Value* id, const dh::Value& result);
 // An error with id null as one text, for answers outside any request.
 std::string error_text(const rpc_error& e);
+// A server notification {"jsonrpc":"2.0","method":M,"params":P} as one text (no newline).
+std::string notification_text(const char* method, const dh::Value& params);
 
 // The request envelope after its checks.
 struct request {

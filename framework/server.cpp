@@ -252,23 +252,11 @@ void server_core::closed(connection& c) {
 }
 
 std::string server_core::heartbeat_line() {
-    codec::string_buffer sb;
-    codec::json_writer w(sb);
-    w.StartObject();
-    w.Key("jsonrpc");
-    w.String("2.0");
-    w.Key("method");
-    w.String("heartbeat");
-    w.Key("params");
-    w.StartObject();
-    w.Key("seq");
-    w.Uint64(db.latest_seq());
-    w.Key("time");
-    const std::string now = dh_db::utc_now_iso();
-    w.String(now.c_str(), static_cast<rapidjson::SizeType>(now.size()));
-    w.EndObject();
-    w.EndObject();
-    return {sb.GetString(), sb.GetSize()};
+    dh::Document params(rapidjson::kObjectType);
+    auto& a = params.GetAllocator();
+    params.AddMember("seq", db.latest_seq(), a);
+    params.AddMember("time", dh::Value(dh_db::utc_now_iso().c_str(), a), a);
+    return codec::notification_text("heartbeat", params);
 }
 
 void server_core::end_subscriptions_later(std::shared_ptr<connection> c) {
