@@ -3,14 +3,14 @@
 # in their own build directory, then runs each for FUZZ_SECONDS (default 60), starting from the
 # seed corpus in fuzz/corpus/<target>. New inputs go to <build>/corpus/<target>, never into the
 # repository; a crash stops the run with the input saved as <build>/crashes/<target>/crash-*.
-# Usage: scripts/fuzz.sh [TARGET...]   (targets: codec ethtool rauc chrony lldp sysrepocfg version)
+# Usage: scripts/fuzz.sh [TARGET...]   (targets: codec ethtool rauc chrony lldp sysrepocfg version pattern)
 # Longer runs: FUZZ_SECONDS=14400 scripts/fuzz.sh codec
 set -euo pipefail
 repo=$(cd "$(dirname "$0")/.." && pwd)
 build=${FUZZ_BUILD_DIR:-$repo/build-fuzz}
 seconds=${FUZZ_SECONDS:-60}
 targets=("$@")
-[[ ${#targets[@]} -eq 0 ]] && targets=(codec ethtool rauc chrony lldp sysrepocfg version)
+[[ ${#targets[@]} -eq 0 ]] && targets=(codec ethtool rauc chrony lldp sysrepocfg version pattern)
 
 export CCACHE_BASEDIR=$repo
 if [[ ! -f $build/build.ninja ]]; then
