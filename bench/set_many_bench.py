@@ -23,16 +23,6 @@ def updates(n):
             ("config/ospf/e4/metric", n % 200 + 1)]
 
 
-def datastore_runs(dev, since):
-    exports = imports = 0
-    for e in dev.commands(since, program="sysrepocfg"):
-        argv = e["argv"]
-        ds = argv[argv.index("-d") + 1] if "-d" in argv else ""
-        exports += "--export" in argv and ds in ("running", "startup")
-        imports += "--import" in argv
-    return exports, imports
-
-
 def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("--rounds", type=int, default=20)
@@ -49,7 +39,7 @@ def main():
                 for p, v in updates(n):
                     dev.set(p, v)
             figures[way][0].append((time.monotonic() - start) * 1000)
-            figures[way][1].append(datastore_runs(dev, mark))
+            figures[way][1].append(dhtest.datastore_runs(dev, mark))
         for way, (times, runs) in figures.items():
             print("%-9s median %.0f ms, p90 %.0f ms; exports/imports per write: %s" % (
                 way, statistics.median(times), sorted(times)[int(len(times) * 0.9) - 1],

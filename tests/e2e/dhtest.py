@@ -32,6 +32,17 @@ def wait_until(condition, timeout=10.0, message=None):
     return value
 
 
+def datastore_runs(dev, since):
+    """(exports of running or startup, imports) among the sysrepocfg runs after since."""
+    exports = imports = 0
+    for e in dev.commands(since, program="sysrepocfg"):
+        argv = e["argv"]
+        ds = argv[argv.index("-d") + 1] if "-d" in argv else ""
+        exports += "--export" in argv and ds in ("running", "startup")
+        imports += "--import" in argv
+    return exports, imports
+
+
 class RpcError(Exception):
     def __init__(self, error):
         super().__init__("%s (%s)" % (error.get("message"), error.get("code")))

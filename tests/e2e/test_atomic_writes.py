@@ -15,17 +15,6 @@ OLD_MGMT = {"ipAddress": "192.0.2.10", "netmask": "255.255.255.0"}
 NEW_MGMT = {"ipAddress": "192.0.2.20", "netmask": "255.255.255.0"}
 
 
-def datastore_runs(dev, since):
-    """(exports of running or startup, imports) among the sysrepocfg runs after since."""
-    exports = imports = 0
-    for e in dev.commands(since, program="sysrepocfg"):
-        argv = e["argv"]
-        ds = argv[argv.index("-d") + 1] if "-d" in argv else ""
-        exports += "--export" in argv and ds in ("running", "startup")
-        imports += "--import" in argv
-    return exports, imports
-
-
 def mgmt_addresses(dev):
     found = json.loads(dev.exec(*MGMT_SET).stdout)
     return [e for e in found["nftables"][1]["set"].get("elem", [])]
@@ -47,7 +36,7 @@ class AtomicWritesTest(unittest.TestCase):
             {"path": "config/ntp/primaryServer", "value": "198.51.100.1"},
             {"path": "config/dnsSettings", "value": {"primaryDnsIpAddress": "198.51.100.53"}},
             {"path": "config/ospf/e4/metric", "value": 20}]}))
-        self.assertEqual(datastore_runs(dev, mark), (1, 2))
+        self.assertEqual(dhtest.datastore_runs(dev, mark), (1, 2))
         for name in ("running", "startup"):
             system = dev.datastore(name)["ietf-system:system"]
             self.assertEqual(system["ntp"]["server"][0]["udp"]["address"], "198.51.100.1", name)
@@ -70,7 +59,7 @@ class AtomicWritesTest(unittest.TestCase):
         self.assertEqual({name: dev.read("datastore/%s.json" % name) for name in before}, before)
         self.assertEqual(mgmt_addresses(dev), firewall)
         self.assertEqual(dev.exec("cat", "/etc/resolv.conf").stdout, resolv)
-        self.assertEqual(datastore_runs(dev, mark)[1], 0)
+        self.assertEqual(dhtest.datastore_runs(dev, mark)[1], 0)
         self.assertEqual(dev.get("config/e28/ipv4Settings")["ipAddress"], "192.0.2.10")
 
 
