@@ -1,8 +1,9 @@
 #!/bin/bash
 # Builds the libFuzzer targets (fuzz/) with clang, AddressSanitizer and UndefinedBehaviorSanitizer
 # in their own build directory, then runs each for FUZZ_SECONDS (default 60), starting from the
-# seed corpus in fuzz/corpus/<target>. New inputs go to <build>/corpus/<target>, never into the
-# repository; a crash stops the run with the input saved as <build>/crashes/<target>/crash-*.
+# inputs kept in fuzz/corpus/TARGET. Inputs found on the way are written below the build
+# directory (BUILD/corpus/TARGET), never into the repository; a crash stops the run and keeps
+# its input as BUILD/crashes/TARGET/crash-*.
 # Usage: scripts/fuzz.sh [TARGET...]   (targets: codec ethtool rauc chrony lldp sysrepocfg version pattern)
 # Longer runs: FUZZ_SECONDS=14400 scripts/fuzz.sh codec
 set -euo pipefail
