@@ -52,17 +52,6 @@ class scripted_server {
     std::exception_ptr failure_;
 };
 
-// What the E that f throws says; "" when it throws nothing.
-template <typename E, typename F>
-std::string thrown(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "";
-}
-
 std::string response(std::uint64_t id, const std::string& body) {
     return R"({"jsonrpc":"2.0","id":)" + std::to_string(id) + "," + body + "}\n";
 }

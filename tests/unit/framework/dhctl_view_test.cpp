@@ -67,12 +67,10 @@ TEST(DhctlView, TableShowsRowsWithoutValueAndCutsLongValuesAtACharacter) {
 }
 
 TEST(DhctlView, PatternsAreWholeWildcardSegments) {
-    EXPECT_TRUE(dc::is_pattern("data/*/linkStatus"));
-    EXPECT_TRUE(dc::is_pattern("data/e13/.../"));
-    EXPECT_TRUE(dc::is_pattern("*"));
-    EXPECT_FALSE(dc::is_pattern("data/e1*/linkStatus"));
-    EXPECT_FALSE(dc::is_pattern("data/.../x"));
-    EXPECT_FALSE(dc::is_pattern("data/e1/linkStatus"));
+    for (const char* p : {"data/*/linkStatus", "data/e13/.../", "*"})
+        EXPECT_TRUE(dc::is_pattern(p)) << p;
+    for (const char* p : {"data/e1*/linkStatus", "data/.../x", "data/e1/linkStatus"})
+        EXPECT_FALSE(dc::is_pattern(p)) << p;
 }
 
 TEST(DhctlView, PatternReadsLineUpPathsAndValues) {

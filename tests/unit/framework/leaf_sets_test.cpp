@@ -12,11 +12,6 @@
 namespace server_test {
 namespace {
 
-std::string req(const std::string& id, const std::string& method, const std::string& params) {
-    return fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"{}","params":{}}})", id, method,
-                       params);
-}
-
 TEST(path_pattern, WildcardsMatchWholeSegments) {
     const std::tuple<const char*, const char*, bool> cases[] = {
         {"data/*/linkStatus", "data/e1/linkStatus", true},
@@ -49,31 +44,28 @@ TEST(heartbeat, ComesAfterAPeriodWithoutNotification) {
         self->note_sent();
     });
     self = &hb;
+    // Advances the clock and checks the beats counted so far.
+    auto after = [&](std::chrono::milliseconds d, int expected) {
+        sched.advance(d);
+        EXPECT_EQ(beats, expected) << "after " << d.count() << " ms";
+    };
     hb.set_period(5s);
-    sched.advance(4900ms);
-    EXPECT_EQ(beats, 0);
-    sched.advance(100ms);
-    EXPECT_EQ(beats, 1);
+    after(4900ms, 0);
+    after(100ms, 1);
     // A notification starts the period again.
-    sched.advance(3s);
+    after(3s, 1);
     hb.note_sent();
-    sched.advance(4s);
-    EXPECT_EQ(beats, 1);
-    sched.advance(1s);
-    EXPECT_EQ(beats, 2);
-    sched.advance(10s);
-    EXPECT_EQ(beats, 4);
+    after(4s, 1);
+    after(1s, 2);
+    after(10s, 4);
     // A new period replaces the old one; zero turns it off, and so does stop().
     hb.set_period(1s);
-    sched.advance(3s);
-    EXPECT_EQ(beats, 7);
+    after(3s, 7);
     hb.set_period(0s);
-    sched.advance(60s);
-    EXPECT_EQ(beats, 7);
+    after(60s, 7);
     hb.set_period(2s);
     hb.stop();
-    sched.advance(60s);
-    EXPECT_EQ(beats, 7);
+    after(60s, 7);
 }
 
 // A server whose heartbeats run on a manual clock, with a handful of interface-like leaves:
@@ -181,10 +173,8 @@ TEST_F(leaf_sets, PatternSubscriptionCoversTheLeavesThatCanBeSubscribed) {
     std::vector<std::string> seen;
     for (const auto& d : lines)
         if (d.HasMember("method")) seen.push_back(event_of(d).first);
-    while (seen.size() < 3) {
-        auto d = c.read_json();
-        if (d.HasMember("method")) seen.push_back(event_of(d).first);
-    }
+    // Only events follow the answer.
+    while (seen.size() < 3) seen.push_back(event_of(c.read_json()).first);
     EXPECT_EQ(seen, (std::vector<std::string>{R"(data/e1/linkStatus="up")",
                                               R"(data/e2/linkStatus="down")",
                                               R"(data/e4/linkStatus="up")"}));
@@ -214,11 +204,10 @@ TEST_F(leaf_sets, ResumedSubscriptionReplaysExactlyWhatWasMissed) {
         req("2", "subscribe", fmt::format(R"({{"path":"config/x","since_seq":{}}})", last))));
     // The answer, the missed events in order (no initial event), the sync, then live events.
     EXPECT_EQ(to_json_text(c.read_json()["result"]), "4");
-    auto e3 = event_of(c.read_json());
-    auto e4v = event_of(c.read_json());
-    EXPECT_EQ(e3.first, "config/x=3");
-    EXPECT_EQ(e4v.first, "config/x=4");
-    EXPECT_GT(e3.second, last);
+    const auto missed = event_of(c.read_json());
+    EXPECT_EQ(missed.first, "config/x=3");
+    EXPECT_GT(missed.second, last);
+    EXPECT_EQ(event_of(c.read_json()).first, "config/x=4");
     const auto sync = c.read_json();
     EXPECT_EQ(
         to_json_text(sync),
@@ -256,16 +245,16 @@ TEST_F(leaf_sets, SyncSaysWhenTheHistoryNoLongerReachesBack) {
             ++replayed;
         }
     };
-    std::size_t n = 0;
-    // The 1,000 newest entries are all still there: the one just before them is not needed.
-    EXPECT_EQ(sync_of(since, n), fmt::format(R"({{"seq":{},"complete":true}})", since + 1000));
-    EXPECT_EQ(n, 1000u);
-    EXPECT_EQ(sync_of(since - 1, n), fmt::format(R"({{"seq":{},"complete":false}})", since + 1000));
-    EXPECT_EQ(n, 1000u);
-    // A seq beyond the newest (the daemon started again since): everything, and incomplete.
-    EXPECT_EQ(sync_of(since + 5000, n),
-              fmt::format(R"({{"seq":{},"complete":false}})", since + 1000));
-    EXPECT_EQ(n, 1000u);
+    // The 1,000 newest entries are all still there: the one just before them is not needed. A
+    // seq beyond the newest (the daemon started again since): everything, and incomplete.
+    const std::pair<std::uint64_t, bool> cases[] = {
+        {since, true}, {since - 1, false}, {since + 5000, false}};
+    for (const auto& [from, complete] : cases) {
+        std::size_t n = 0;
+        EXPECT_EQ(sync_of(from, n),
+                  fmt::format(R"({{"seq":{},"complete":{}}})", since + 1000, complete));
+        EXPECT_EQ(n, 1000u) << from;
+    }
 }
 
 // A value that changes while a subscription registers: once just before (the event is only in

@@ -66,21 +66,14 @@ TEST(NodeGauges, HeldValuesOnlyBuiltAtEachScrape) {
         return samples;
     };
 
-    EXPECT_EQ(scrape(),
-              "dh_sfp_rx_power_dbm{port=\"e13\"} -3.25\n"
-              "dh_link_up{interface=\"e1\"} 1\n"
-              "dh_link_up{interface=\"e2\"} 0\n"
-              "dh_config_ready 1\n");
+    const std::string links =
+        "dh_link_up{interface=\"e1\"} 1\ndh_link_up{interface=\"e2\"} 0\ndh_config_ready 1\n";
+    EXPECT_EQ(scrape(), "dh_sfp_rx_power_dbm{port=\"e13\"} -3.25\n" + links);
     EXPECT_EQ(unit->calls, 0);
 
     e13->set_value(-7.5);
     outside = 4;
-    EXPECT_EQ(scrape(),
-              "dh_sfp_rx_power_dbm{port=\"e13\"} -7.5\n"
-              "dh_link_up{interface=\"e1\"} 1\n"
-              "dh_link_up{interface=\"e2\"} 0\n"
-              "dh_config_ready 1\n"
-              "dh_outside 4\n");
+    EXPECT_EQ(scrape(), "dh_sfp_rx_power_dbm{port=\"e13\"} -7.5\n" + links + "dh_outside 4\n");
 }
 
 TEST(Metrics, ListenAddresses) {

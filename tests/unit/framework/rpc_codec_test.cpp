@@ -141,9 +141,6 @@ TEST(answers, UnrepresentableResultIsAnError) {
               R"("data":{"what":"result is not representable in JSON"}}})");
 }
 
-client_identity local() {
-    return {};
-}
 client_identity from(const char* address) {
     client_identity c;
     c.via = client_identity::transport::tcp;
@@ -159,13 +156,13 @@ TEST(connection_budget, LocalNetworkAndPerAddressShares) {
     EXPECT_FALSE(b.admit(from("192.0.2.2")));
     // The network is full: another address is refused, the Unix socket is not.
     EXPECT_EQ(b.admit(from("192.0.2.3")), "Too many connections");
-    EXPECT_FALSE(b.admit(local()));
-    EXPECT_EQ(b.admit(local()), "Too many connections");
+    EXPECT_FALSE(b.admit(client_identity{}));
+    EXPECT_EQ(b.admit(client_identity{}), "Too many connections");
 
     b.release(from("192.0.2.1"));
     EXPECT_FALSE(b.admit(from("192.0.2.3")));
-    b.release(local());
-    EXPECT_FALSE(b.admit(local()));
+    b.release(client_identity{});
+    EXPECT_FALSE(b.admit(client_identity{}));
 }
 
 }  // namespace

@@ -76,12 +76,7 @@ struct tls_server {
 // What the server answered a refused call, as the client library reports it.
 template <typename F>
 std::string refusal(F&& call) {
-    try {
-        call();
-    } catch (const dh::client::rpc_error& e) {
-        return e.what();
-    }
-    return "accepted";
+    return thrown<dh::client::rpc_error>(call);
 }
 const std::string denied = "error -32003: Permission denied";
 

@@ -21,6 +21,7 @@
 #include <string>
 #include <thread>
 
+#include <fmt/format.h>
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
@@ -41,6 +42,24 @@ inline bool wait_until(const std::function<bool()>& done, std::chrono::milliseco
         std::this_thread::sleep_for(1ms);
     }
     return true;
+}
+
+// A request line; id and params are JSON texts, params left out when empty.
+inline std::string req(const std::string& id, const std::string& method,
+                       const std::string& params = "") {
+    return fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"{}"{}}})", id, method,
+                       params.empty() ? "" : R"(,"params":)" + params);
+}
+
+// What the E that f throws says; "" when it throws nothing.
+template <typename E, typename F>
+std::string thrown(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e.what();
+    }
+    return "";
 }
 
 inline rapidjson::Document parse(const std::string& text) {
@@ -128,8 +147,7 @@ class line_client {
         if (left.count() <= 0 || ::poll(&p, 1, static_cast<int>(left.count())) <= 0) return false;
         char tmp[65536];
         const ssize_t n = ::recv(fd_, tmp, sizeof tmp, 0);
-        if (n <= 0) eof_ = true;
-        if (n <= 0) return false;
+        if (n <= 0) return !(eof_ = true);
         buf_.append(tmp, static_cast<std::size_t>(n));
         return true;
     }

@@ -22,10 +22,6 @@ bool answers(line_client& c) {
            c.read_line() == R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})";
 }
 
-std::string subscribe(const std::string& path) {
-    return R"({"jsonrpc":"2.0","id":1,"method":"subscribe","params":{"path":")" + path + "\"}}";
-}
-
 // A server with its own node tree and limits, serving on a thread until destroyed.
 struct bare_server {
     explicit bare_server(dh::server::options opts = {})
@@ -121,7 +117,8 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
     auto reader = connect();
     auto busy = connect();
     for (auto* c : {&stalled, &reader})
-        ASSERT_TRUE(call(*c, subscribe("config/ospf/areaId"))["result"].IsNull());
+        ASSERT_TRUE(
+            call(*c, req("1", "subscribe", R"({"path":"config/ospf/areaId"})"))["result"].IsNull());
 
     // Events of 64 KiB: the stalled connection's queue passes 8 MiB after some 130 of them.
     const double cut_before = metric_count("dh_slow_subscribers_cut_total", {});
@@ -148,8 +145,8 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
 TEST_F(server_transport, DisconnectEndsSubscriptions) {
     {
         auto c = connect();
-        call(c, subscribe("config/ospf/areaId"));
-        call(c, subscribe("config/ntp/server"));
+        call(c, req("1", "subscribe", R"({"path":"config/ospf/areaId"})"));
+        call(c, req("1", "subscribe", R"({"path":"config/ntp/server"})"));
         EXPECT_TRUE(param->has_subscribers() && async_param->has_subscribers());
     }
     EXPECT_TRUE(wait_until(
@@ -241,7 +238,7 @@ TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
     auto silent = line_client::tcp(s.srv.tcp_port());
     auto talking = line_client::unix_socket(s.srv.socket_path());
     auto subscribed = line_client::tcp(s.srv.tcp_port());
-    ASSERT_TRUE(subscribed.send_line(subscribe("config/x")));
+    ASSERT_TRUE(subscribed.send_line(req("1", "subscribe", R"({"path":"config/x"})")));
     ASSERT_TRUE(subscribed.read_line());
 
     const auto start = std::chrono::steady_clock::now();

@@ -59,11 +59,6 @@ class fake_commits : public dh::commit_service {
 
 namespace {
 
-std::string req(const std::string& id, const std::string& method, const std::string& params) {
-    return fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"{}","params":{}}})", id, method,
-                       params);
-}
-
 class server_writes : public server_fixture {
   protected:
     void before_start() override {
