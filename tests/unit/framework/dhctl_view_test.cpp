@@ -66,14 +66,13 @@ TEST(DhctlView, TableShowsRowsWithoutValueAndCutsLongValuesAtACharacter) {
     EXPECT_EQ(row, "data/any/lldp/neighbours  " + expected_value + "  10:00:00\n");
 }
 
-TEST(DhctlView, PatternsAreWholeWildcardSegments) {
+TEST(DhctlView, PatternsAreWholeWildcardSegmentsAndTheirReadsLineUp) {
     for (const char* p : {"data/*/linkStatus", "data/e13/.../", "*"})
         EXPECT_TRUE(dc::is_pattern(p)) << p;
     for (const char* p : {"data/e1*/linkStatus", "data/.../x", "data/e1/linkStatus"})
         EXPECT_FALSE(dc::is_pattern(p)) << p;
-}
 
-TEST(DhctlView, PatternReadsLineUpPathsAndValues) {
+    // Pattern reads line up paths and values.
     const std::vector<std::pair<std::string, std::string>> rows = {
         {"data/e1/linkStatus", "up"},
         {"data/e13/sfp/rxPower", "error -61: Value has not been set"}};

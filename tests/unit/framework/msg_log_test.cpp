@@ -20,7 +20,7 @@ class clog_capture {
     std::streambuf* old_;
 };
 
-TEST(MsgLog, ClientTextCannotStartALineOrWriteRawControlBytes) {
+TEST(MsgLog, ClientTextCannotStartALineOrWriteRawControlBytesButKeepsTheRest) {
     msg_log_slg::construct_logger();
     const std::string forged = std::string(
                                    "bad value \n2026-11-23T08:00:00.000Z critical [server] "
@@ -38,9 +38,7 @@ TEST(MsgLog, ClientTextCannotStartALineOrWriteRawControlBytes) {
                        "\\x1b[2J end\\x00\\x7f\\t."),
               std::string::npos)
         << out;
-}
-
-TEST(MsgLog, PrintableAndMultiByteTextIsKept) {
+    // Printable and multi-byte text is kept.
     EXPECT_EQ(msg_log::escape_control("Path \"a/b\" \\ \xc3\xa9t\xc3\xa9 ~"),
               "Path \"a/b\" \\ \xc3\xa9t\xc3\xa9 ~");
     EXPECT_EQ(msg_log::escape_control(std::string_view("\x01\x1f", 2)), "\\x01\\x1f");
