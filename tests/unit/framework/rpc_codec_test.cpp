@@ -49,7 +49,7 @@ framed frame(line_framer& f, const std::vector<std::string>& chunks) {
     return out;
 }
 
-TEST(line_framer, SplitsReadsIntoLinesWhateverTheChunking) {
+TEST(line_framer, SplitsReadsIntoLinesWhateverTheChunkingAndGrowsForLongOnes) {
     line_framer f(100, 8, 32);
     const auto got = frame(f, {"ab", "c\nde", "f\n\ngh\r\n", "ij"});
     EXPECT_EQ(got.lines, (std::vector<std::string>{"abc", "def", "", "gh\r"}));
@@ -59,14 +59,13 @@ TEST(line_framer, SplitsReadsIntoLinesWhateverTheChunking) {
     ASSERT_TRUE(f.rest(line, len));
     EXPECT_EQ(std::string(line, len), "ij");
     EXPECT_FALSE(f.rest(line, len));
-}
 
-TEST(line_framer, GrowsForOneLongLineAndShrinksBack) {
-    line_framer f(1 << 20, 16, 64);
-    const auto got = frame(f, {std::string(5000, 'a') + "\nb\n"});
-    ASSERT_EQ(got.lines.size(), 2u);
-    EXPECT_EQ(got.lines[0].size(), 5000u);
-    EXPECT_LE(f.capacity(), 64u);
+    // It grows for one long line and shrinks back.
+    line_framer big(1 << 20, 16, 64);
+    const auto long_line = frame(big, {std::string(5000, 'a') + "\nb\n"});
+    ASSERT_EQ(long_line.lines.size(), 2u);
+    EXPECT_EQ(long_line.lines[0].size(), 5000u);
+    EXPECT_LE(big.capacity(), 64u);
 }
 
 TEST(line_parser, LimitsAndMalformedText) {
