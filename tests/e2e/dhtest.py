@@ -224,11 +224,8 @@ class Device:
         self.write("fail/" + name, "%s\n" % count)
 
     def slow(self, name, seconds):
-        """Makes every run of the tool NAME wait that many seconds first; 0 takes the delay away."""
-        if seconds:
-            self.write("slow/" + name, "%s\n" % seconds)
-        elif os.path.exists(self.path("slow", name)):
-            os.unlink(self.path("slow", name))
+        """Makes every run of the tool NAME wait that many seconds first."""
+        self.write("slow/" + name, "%s\n" % seconds)
 
     def mark(self):
         """A position in commands.log; commands(since=mark) gives what ran after it."""

@@ -1,4 +1,4 @@
-"""IPv4 settings, the management firewall set and the OSPF interface settings, through the daemon
+"""IPv4 settings, the management firewall set and the OSPF router id, through the daemon
 in the simulated device."""
 
 import unittest
@@ -46,14 +46,6 @@ class InterfacesTest(unittest.TestCase):
         self.assertIn("198.51.100.7", dev.exec(*MGMT_SET).stdout)
         self.assertRegex(dev.exec("cat", "/var/persistent/etc/nftables//ruleset-mgmt-ip.nft").stdout,
                          r"mgmt_ip_addresses[^}]*198\.51\.100\.7")
-
-        # A metric on an internal interface is written to its VLAN 8 companion in the same import.
-        mark = dev.mark()
-        dev.set("config/ospf/e4/metric", 20)
-        self.assertEqual(imports(dev, mark).count("running"), 1)
-        cost = {i["name"]: i.get("cost") for area in ospf(dev.datastore("running"))["areas"]["area"]
-                for i in area["interfaces"]["interface"]}
-        self.assertEqual((cost["e4"], cost["e4.8"], cost["e5"]), (20, 20, None))
 
 
 if __name__ == "__main__":

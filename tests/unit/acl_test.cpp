@@ -11,12 +11,8 @@ const std::string flush = "flush set inet filter whitelist_ipv4;";
 const std::string nft = ns + "/usr/sbin/nft -f -";
 
 // nft's standard input: the statements as one line.
-std::string nft_batch(const std::string& statements) {
-    return statements + "\n";
-}
-
 std::string refill(const std::string& elements) {
-    return nft_batch(flush + "add element inet filter whitelist_ipv4 { " + elements + " };");
+    return flush + "add element inet filter whitelist_ipv4 { " + elements + " };\n";
 }
 
 TEST(AclWhitelist, TextOfEveryElementFormAndRefusedEntries) {
@@ -64,7 +60,7 @@ TEST_F(Acl, ListTakesEffectOnlyWhileSwitchedOn) {
     handler->acl().acl_set_adminStatus("up");
     EXPECT_EQ(fake->inputs(nft),
               (texts{refill("10.0.0.0/8, , 10.0.0.1"), refill("0.0.0.0/0"),
-                     refill("10.0.0.0/8, , 10.0.0.1"), refill(""), nft_batch(flush)}));
+                     refill("10.0.0.0/8, , 10.0.0.1"), refill(""), flush + "\n"}));
     EXPECT_EQ(whitelist(), "[]");
 }
 

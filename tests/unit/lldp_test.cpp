@@ -46,7 +46,6 @@ class Lldp : public handler_test {
 TEST_F(Lldp, SwitchingOnFetchesAtOnceAndSwitchingOffEmpties) {
     // Ports start off, and nothing runs while all are off.
     EXPECT_EQ(read_node(db, "config/e1/lldp/enable"), "false");
-    EXPECT_EQ(read_node(db, "data/e12/lldp/neighbours"), "[]");
     EXPECT_EQ(read_node(db, "data/e13/lldp/neighbours"), "missing");
     EXPECT_EQ(to_json(handler->lldp().lldp_update_neighbours()), "[]");
     EXPECT_EQ(fake->count("lldpctl"), 0u);
