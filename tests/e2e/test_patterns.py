@@ -48,12 +48,7 @@ class PatternTest(unittest.TestCase):
         self.assertEqual(set(broken["values"]), set(healthy["values"]) - {"data/e1/ipv4Settings"})
         self.assertEqual(broken["values"]["data/e1/macAddress"], "02:00:00:00:00:01")
 
-        r = subprocess.run([DHCTL, "--socket", dev.socket_path, "--table", "get", "data/*/linkStatus"],
-                           capture_output=True, text=True, timeout=30)
-        self.assertEqual(r.returncode, 0, r.stderr)
-        lines = r.stdout.splitlines()
-        self.assertEqual(lines[0].split(), ["PATH", "VALUE"])
-        self.assertEqual(len(lines), 1 + 28)  # the front ports e1..e28
+        # dhctl prints the failed leaf among the others and ends with status 1.
         r = subprocess.run([DHCTL, "--socket", dev.socket_path, "get", "data/e1/..."],
                            capture_output=True, text=True, timeout=30)
         self.assertEqual(r.returncode, 1)
