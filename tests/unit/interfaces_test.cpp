@@ -181,56 +181,39 @@ TEST_F(Interfaces, ModesAreReadFromBridgeAndTunnelAndWrittenToStartupOnly) {
 
 using Gateway = handler_test;
 
-std::string routing(const std::string& protocols) {
-    return R"({"ietf-routing:routing":{"control-plane-protocols":{"control-plane-protocol":[)" +
-           protocols + "]}}}";
-}
-
-TEST_F(Gateway, AppendsReplacesAndRemovesTheStaticEntry) {
-    Document doc = parse("{}");
-    handler->interfaces().update_gateway(doc, "10.0.0.254");
-    const std::string created =
-        R"({"type":"infix-routing:static","name":"default","static-routes":{)"
-        R"("ietf-ipv4-unicast-routing:ipv4":{"route":[{"destination-prefix":"0.0.0.0/0",)"
-        R"("next-hop":{"next-hop-address":"10.0.0.254"}}]}}})";
-    EXPECT_EQ(to_json(doc), routing(created));
-
-    // Only the first route's next hop changes; its prefix and further routes stay.
-    const std::string routes =
-        R"({"type":"infix-routing:static","name":"s","static-routes":{"ietf-ipv4-unicast-routing:ipv4":)"
-        R"({"route":[{"destination-prefix":"10.0.0.0/8","next-hop":{"next-hop-address":"{}"}},)"
-        R"({"destination-prefix":"0.0.0.0/0"}]}}})";
-    const auto with_hop = [&](const std::string& hop) {
-        return routing(std::string(routes).replace(routes.find("{}"), 2, hop));
+// The gateway is the next hop of the static entry's first route; e28's settings write it.
+TEST_F(Gateway, WrittenWithTheManagementSettingsAndReadFromRunning) {
+    const std::string entries =
+        "/ietf-routing:routing/control-plane-protocols/control-plane-protocol";
+    const auto static_entry = [&](const std::string& routes) {
+        return R"({"type":"infix-routing:static","name":"default","static-routes":{)"
+               R"("ietf-ipv4-unicast-routing:ipv4":{"route":[)" +
+               routes + "]}}}";
     };
-    doc = parse(with_hop("1.1.1.1"));
-    handler->interfaces().update_gateway(doc, "10.0.0.1");
-    EXPECT_EQ(to_json(doc), with_hop("10.0.0.1"));
-
-    doc = parse(routing(R"({"type":"infix-routing:ospfv2"},)" + created));
-    handler->interfaces().update_gateway(doc, "");
-    EXPECT_EQ(to_json(doc), routing(R"({"type":"infix-routing:ospfv2"})"));
-}
-
-TEST_F(Gateway, SetAndGetThroughTheRunningConfiguration) {
-    running_is(running_doc());
+    const auto first_route = [](const std::string& hop) {
+        return R"({"destination-prefix":"0.0.0.0/0","next-hop":{"next-hop-address":")" + hop +
+               R"("}})";
+    };
+    const std::string other = R"({"destination-prefix":"10.0.0.0/8"})";
+    running_is(
+        running_doc({{entries, "[" + static_entry(first_route("192.0.2.1") + "," + other) + "]"}}));
     EXPECT_EQ(handler->interfaces().get_gateway(), "192.0.2.1");
-    handler->datastore().edit(
-        [](Document& d) { interfaces_unit::update_gateway(d, "192.0.2.254"); });
-    keep_last_import();
-    EXPECT_EQ(handler->interfaces().get_gateway(), "192.0.2.254");
-    EXPECT_EQ(imports("startup").size(), 1u);
-
-    EXPECT_EQ(error_of([&] {
-                  handler->datastore().edit(
-                      [](Document& d) { interfaces_unit::update_gateway(d, "gw.example"); });
-              }),
-              "-22 Invalid gateway address: gw.example");
-    EXPECT_EQ(imports().size(), 1u);
-
-    handler->datastore().edit([](Document& d) { interfaces_unit::update_gateway(d, ""); });
-    keep_last_import();
-    EXPECT_EQ(handler->interfaces().get_gateway(), "0.0.0.0");
+    const auto set_gateway = [&](const std::string& gateway) {
+        handler->interfaces().set_ifconf(
+            "e28", parse(R"({"ipAddress":"192.0.2.10","netmask":"255.255.255.0","gateway":")" +
+                         gateway + R"("})"));
+        keep_last_import();
+        return handler->interfaces().get_gateway();
+    };
+    // Only the first route's next hop changes; further routes stay.
+    EXPECT_EQ(set_gateway("192.0.2.254"), "192.0.2.254");
+    EXPECT_EQ(json_at(last_import(), entries),
+              "[" + static_entry(first_route("192.0.2.254") + "," + other) + "]");
+    // An empty gateway removes the static entry; a new one is then created.
+    EXPECT_EQ(set_gateway(""), "0.0.0.0");
+    EXPECT_EQ(json_at(last_import(), entries), "[]");
+    EXPECT_EQ(set_gateway("10.0.0.254"), "10.0.0.254");
+    EXPECT_EQ(json_at(last_import(), entries), "[" + static_entry(first_route("10.0.0.254")) + "]");
 }
 
 using MgmtFirewall = handler_test;
