@@ -68,70 +68,20 @@ TEST(heartbeat, ComesAfterAPeriodWithoutNotification) {
     after(60s, 7);
 }
 
-// A server whose heartbeats run on a manual clock, with a handful of interface-like leaves:
-// e1, e2 immediate, e3 failing on every read, e4 answered on the workers.
-class leaf_sets : public ::testing::Test {
+// Interface-like leaves: e1, e2 immediate, e3 failing on every read, e4 answered on the workers.
+class leaf_sets : public server_fixture {
   protected:
-    void SetUp() override {
-        dh::server::options o;
-        o.scheduler = &sched;
-        api_ = std::make_unique<device_handler_api>(dir_ + "/sock", 0, true, o);
-        auto& db = api_->db;
-        e1 = add<value_node>(db, "data/e1/linkStatus", false);
-        e2 = add<value_node>(db, "data/e2/linkStatus", false);
-        add<tricky_node>(db, "data/e3/linkStatus", false);
-        e4 = add<value_node>(db, "data/e4/linkStatus", true);
-        dh::api::const_value<std::string>::create(db, "data/e1/macAddress", "02:00:00:00:00:01");
-        dh::api::const_value<std::string>::create(db, "data/e2/macAddress", "02:00:00:00:00:02");
-        x = add<value_node>(db, "config/x", false);
-        y = add<value_node>(db, "config/y", true);
-        thread_ = std::thread([this] { api_->start(); });
-    }
-    void TearDown() override {
-        api_->stop();
-        thread_.join();
-        api_.reset();
-        std::filesystem::remove_all(dir_);
+    void before_start() override {
+        e1 = add<value_node>(s.db, "data/e1/linkStatus", false);
+        e2 = add<value_node>(s.db, "data/e2/linkStatus", false);
+        add<tricky_node>(s.db, "data/e3/linkStatus", false);
+        e4 = add<value_node>(s.db, "data/e4/linkStatus", true);
+        dh::api::const_value<std::string>::create(s.db, "data/e1/macAddress", "02:00:00:00:00:01");
+        dh::api::const_value<std::string>::create(s.db, "data/e2/macAddress", "02:00:00:00:00:02");
+        x = add<value_node>(s.db, "config/x", false);
+        y = add<value_node>(s.db, "config/y", true);
     }
 
-    static void set(value_node& n, const std::string& json) { n.set({}, parse(json)); }
-    line_client connect() { return line_client::unix_socket(api_->socket_path()); }
-
-    // Sends a request; returns the lines up to and including its answer.
-    static std::vector<rapidjson::Document> exchange(line_client& c, const std::string& id,
-                                                     const std::string& method,
-                                                     const std::string& params) {
-        EXPECT_TRUE(c.send_line(req(id, method, params)));
-        std::vector<rapidjson::Document> lines;
-        for (;;) {
-            lines.push_back(c.read_json());
-            const auto& d = lines.back();
-            if (d.HasMember("id") && to_json_text(d["id"]) == id) return lines;
-        }
-    }
-    static std::string result(line_client& c, const std::string& method,
-                              const std::string& params) {
-        auto lines = exchange(c, "0", method, params);
-        const auto& answer = lines.back();
-        return to_json_text(answer.HasMember("result") ? answer["result"] : answer["error"]);
-    }
-    // The next line is the answer to a get: nothing was sent before it.
-    static void expect_nothing_pending(line_client& c) {
-        auto lines = exchange(c, R"("probe")", "get", R"({"path":"config/x"})");
-        EXPECT_EQ(lines.size(), 1u) << to_json_text(lines.front());
-    }
-    // value and seq of an event line.
-    static std::pair<std::string, std::uint64_t> event_of(const rapidjson::Document& d) {
-        EXPECT_EQ(std::string(d["method"].GetString()), "event") << to_json_text(d);
-        return {
-            std::string(d["params"]["path"].GetString()) + "=" + to_json_text(d["params"]["value"]),
-            d["params"]["seq"].GetUint64()};
-    }
-
-    dh::manual_scheduler sched;
-    const std::string dir_ = make_temp_dir();
-    std::unique_ptr<device_handler_api> api_;
-    std::thread thread_;
     std::shared_ptr<value_node> e1, e2, e4, x, y;
 };
 
@@ -211,7 +161,7 @@ TEST_F(leaf_sets, ResumedSubscriptionReplaysExactlyWhatWasMissed) {
     EXPECT_EQ(
         to_json_text(c.read_json()),
         fmt::format(R"({{"jsonrpc":"2.0","method":"sync","params":{{"seq":{},"complete":true}}}})",
-                    api_->db.latest_seq()));
+                    s.db.latest_seq()));
     set(*x, "5");
     EXPECT_EQ(event_of(c.read_json()).first, "config/x=5");
 
@@ -232,7 +182,7 @@ TEST_F(leaf_sets, ResumedSubscriptionReplaysExactlyWhatWasMissed) {
 
 TEST_F(leaf_sets, SyncSaysWhenTheHistoryNoLongerReachesBack) {
     set(*x, "0");
-    const std::uint64_t since = api_->db.latest_seq();
+    const std::uint64_t since = s.db.latest_seq();
     for (int i = 1; i <= 1000; ++i) set(*x, std::to_string(i));
     auto sync_of = [&](std::uint64_t from, std::size_t& replayed) {
         auto c = connect();
@@ -270,9 +220,9 @@ class racing_node : public value_node {
 };
 
 TEST_F(leaf_sets, ChangesWhileResumingAreNeitherLostNorRepeated) {
-    add<racing_node>(api_->db, "config/racing", false);
+    add<racing_node>(s.db, "config/racing", false);
     auto c = connect();
-    const std::uint64_t since = api_->db.latest_seq();
+    const std::uint64_t since = s.db.latest_seq();
     EXPECT_TRUE(c.send_line(
         req("1", "subscribe", fmt::format(R"({{"path":"config/racing","since_seq":{}}})", since))));
     EXPECT_EQ(to_json_text(c.read_json()["result"]), R"("before")");
@@ -300,7 +250,7 @@ TEST_F(leaf_sets, HeartbeatsFillSilenceOnTheConnection) {
     sched.advance(500ms);
     const auto beat = c.read_json();
     EXPECT_EQ(std::string(beat["method"].GetString()), "heartbeat");
-    EXPECT_EQ(beat["params"]["seq"].GetUint64(), api_->db.latest_seq());
+    EXPECT_EQ(beat["params"]["seq"].GetUint64(), s.db.latest_seq());
     EXPECT_TRUE(std::regex_match(std::string(beat["params"]["time"].GetString()),
                                  std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")));
     // A later subscribe's value holds; 0 turns heartbeats off.

@@ -34,7 +34,7 @@ TEST_F(server_protocol, EveryMethodAnswersAsTheProtocolSays) {
         // A prefix matches whole components only.
         {req("8", "list", R"({"path":"config/ospf/"})"),
          R"js([{"path":"config/ospf/areaId","info":"config value (read,write,subscribe)"}])js"}};
-    dh::api::const_value<int>::create(api_->db, "config/ospfx", 1);
+    dh::api::const_value<int>::create(s.db, "config/ospfx", 1);
     for (const auto& [request, result] : exchanges)
         EXPECT_EQ(to_json_text(call(c, request)["result"]), result) << request;
 
@@ -229,7 +229,7 @@ TEST_F(server_protocol, RequestsConnectionsAndEventsAreCounted) {
     const double events = metric_count("dh_events_sent_total", {});
     {
         auto local = connect();
-        auto remote = line_client::tcp(api_->tcp_port());
+        auto remote = line_client::tcp(s.srv.tcp_port());
         EXPECT_TRUE(wait_until([&] {
             return open_on("unix") == unix_before + 1 && open_on("tcp") == tcp_before + 1;
         }));

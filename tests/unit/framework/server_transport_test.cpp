@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "../metric_sample.hpp"
-#include "server.hpp"
+#include "device_handler_api.hpp"
 #include "server_test_support.hpp"
 
 namespace server_test {
@@ -21,24 +21,6 @@ bool answers(line_client& c) {
     return c.send_line(get_version) &&
            c.read_line() == R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})";
 }
-
-// A server with its own node tree and limits, serving on a thread until destroyed.
-struct bare_server {
-    explicit bare_server(dh::server::options opts = {})
-        : dir(make_temp_dir()), srv(db, dir, 0, true, opts), serving([this] { srv.run(); }) {
-        dh::api::const_value<std::string>::create(db, "data/version", "1.2.3");
-    }
-    ~bare_server() {
-        srv.stop();
-        serving.join();
-        std::filesystem::remove_all(dir);
-    }
-
-    dh_db db;
-    const std::string dir;
-    dh::server::server srv;
-    std::thread serving;
-};
 
 TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
     const std::string dir = make_temp_dir();
@@ -68,9 +50,9 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
 }
 
 TEST_F(server_transport, Ipv6SocketOnOneInterface) {
-    EXPECT_THROW(api_->start_ipv6_socket("no-such-if0"), std::system_error);
-    api_->start_ipv6_socket("lo");
-    auto c = line_client::tcp(api_->tcp_port(), "::1");
+    EXPECT_THROW(s.srv.start_ipv6_socket("no-such-if0"), std::system_error);
+    s.srv.start_ipv6_socket("lo");
+    auto c = line_client::tcp(s.srv.tcp_port(), "::1");
     EXPECT_TRUE(answers(c));
 }
 
@@ -175,7 +157,8 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     // no descriptor left it reports every such check as a fault.
     GTEST_SKIP() << "needs free descriptors under AddressSanitizer/UndefinedBehaviorSanitizer";
 #endif
-    bare_server b;
+    test_server b;
+    b.serve();
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     const auto open_now = std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -209,7 +192,8 @@ TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
     opts.max_connections = 3;
     opts.max_per_address = 2;
     opts.max_local_connections = 1;
-    bare_server s(opts);
+    test_server s(opts);
+    s.serve();
     auto a = line_client::tcp(s.srv.tcp_port());
     auto b = line_client::tcp(s.srv.tcp_port());
     EXPECT_TRUE(answers(a));
@@ -233,8 +217,9 @@ TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
 TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
     dh::server::options opts;
     opts.idle_timeout = 200ms;
-    bare_server s(opts);
+    test_server s(opts);
     add<value_node>(s.db, "config/x", false);
+    s.serve();
     auto silent = line_client::tcp(s.srv.tcp_port());
     auto talking = line_client::unix_socket(s.srv.socket_path());
     auto subscribed = line_client::tcp(s.srv.tcp_port());

@@ -62,12 +62,12 @@ namespace {
 class server_writes : public server_fixture {
   protected:
     void before_start() override {
-        api_->set_commit_service(commits);
+        s.srv.set_commit_service(commits);
         for (const char* name : {"a", "b"})
-            dh::api::config_param<&unit::set_text>::create(api_->db, fmt::format("config/{}", name),
+            dh::api::config_param<&unit::set_text>::create(s.db, fmt::format("config/{}", name),
                                                            owner, {}, name)
                 ->allow_in_batches();
-        dh::api::config_param<&unit::set_number>::create(api_->db, "config/n", owner, {})
+        dh::api::config_param<&unit::set_number>::create(s.db, "config/n", owner, {})
             ->allow_in_batches();
     }
 
