@@ -1,7 +1,10 @@
 // The scheduler: order and phase of timed work on a manual clock, cancellation, and the threaded
 // scheduler's cancel and stop, which wait for a run in progress.
 
+#include <unistd.h>
+
 #include <atomic>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <string>
@@ -104,20 +107,32 @@ struct held_task {
     }
 };
 
+// The state of a thread of this process as /proc shows it: 'S' while it sleeps, for instance
+// waiting on a condition variable; '?' once it has ended.
+char thread_state(pid_t tid) {
+    std::ifstream in("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string text;
+    std::getline(in, text);
+    const auto end = text.rfind(") ");
+    return end == std::string::npos ? '?' : text[end + 2];
+}
+
 TEST(ThreadedScheduler, CancelWaitsForARunInProgress) {
     dh::scheduler sched(dh::system_clock(), 2);
     held_task held;
     const auto id = sched.every(1h, 0ms, held.fn(), dh::scheduler::on::pool);
     held.started.get_future().wait();
 
+    std::atomic<pid_t> tid{0};
     std::atomic<bool> cancelled{false};
     std::thread canceller([&] {
+        tid = ::gettid();
         sched.cancel(id);
         cancelled = true;
         EXPECT_TRUE(held.finished);
     });
-    // Give the canceller time to reach the wait; it must not return while the task runs.
-    std::this_thread::sleep_for(50ms);
+    // The task is let go once the canceller waits in cancel, which must not return before.
+    while (!cancelled && (tid == 0 || thread_state(tid) != 'S')) std::this_thread::yield();
     EXPECT_FALSE(cancelled);
     held.release.set_value();
     canceller.join();
