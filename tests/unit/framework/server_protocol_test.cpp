@@ -237,8 +237,11 @@ TEST_F(server_protocol, RequestsConnectionsAndEventsAreCounted) {
         EXPECT_TRUE(
             wait_until([&] { return metric_count("dh_events_sent_total", {}) == events + 2; }));
     }
-    EXPECT_TRUE(
-        wait_until([&] { return open_on("unix") == unix_before && open_on("tcp") == tcp_before; }));
+    // Closed, the connections are no longer counted and their subscriptions end.
+    EXPECT_TRUE(wait_until([&] {
+        return open_on("unix") == unix_before && open_on("tcp") == tcp_before &&
+               async_param->unsubscribes.load() == 1;
+    }));
 }
 
 }  // namespace

@@ -120,18 +120,6 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
     EXPECT_TRUE(answers(reader));
 }
 
-TEST_F(server_transport, DisconnectEndsSubscriptions) {
-    {
-        auto c = connect();
-        call(c, req("1", "subscribe", R"({"path":"config/ospf/areaId"})"));
-        call(c, req("1", "subscribe", R"({"path":"config/ntp/server"})"));
-        EXPECT_TRUE(param->has_subscribers() && async_param->has_subscribers());
-    }
-    EXPECT_TRUE(wait_until(
-        [&] { return param->unsubscribes.load() == 1 && async_param->unsubscribes.load() == 1; }));
-    EXPECT_FALSE(param->has_subscribers() || async_param->has_subscribers());
-}
-
 TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
     auto c = connect();
     // The last request has no newline; the slow one finishes after the peer stopped sending.

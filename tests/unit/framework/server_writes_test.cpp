@@ -8,8 +8,9 @@
 #include "server_test_support.hpp"
 #include "write_batch.hpp"
 
-// set_many and confirmed commits through the server: all updates or none, refusals before
-// anything runs, and the program's commit service behind confirm_timeout and confirm.
+// set_many and confirmed commits through the server: refusals before anything runs, and the
+// program's commit service behind confirm_timeout and confirm. That a batch is all or nothing is
+// the batch write tests' (tests/unit/batch_write_test.cpp).
 
 namespace server_test {
 
@@ -80,23 +81,6 @@ class server_writes : public server_fixture {
     std::shared_ptr<fake_commits> commits = std::make_shared<fake_commits>();
 };
 
-TEST_F(server_writes, SetManyWritesAllOrNothing) {
-    auto c = connect();
-    EXPECT_EQ(result(c, "set_many",
-                     R"({"updates":[{"path":"config/a","value":"x"},)"
-                     R"({"path":"/config/b/","value":"y"}]})"),
-              "null");
-    EXPECT_EQ(effects(), (std::vector<std::string>{"a=x", "b=y"}));
-
-    EXPECT_EQ(result(c, "set_many",
-                     R"({"updates":[{"path":"config/a","value":"z"},)"
-                     R"({"path":"config/b","value":"bad"}]})"),
-              R"({"code":-22,"message":"Refused: bad","data":{"index":1,"path":"config/b"}})");
-    EXPECT_EQ(effects().size(), 2u);
-    // The update that was not kept is not adopted (nor announced).
-    EXPECT_EQ(result(c, "get", R"({"path":"config/a"})"), R"("x")");
-}
-
 TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
     // The server holds the program's commit service weakly; without it there are no confirmed
     // commits.
@@ -145,7 +129,11 @@ TEST_F(server_writes, ConfirmedCommitsGoThroughTheProgramsService) {
     EXPECT_EQ(result(c, "confirm", R"({"token":"t2"})"),
               R"({"code":-22,"message":"Unknown commit token"})");
     EXPECT_EQ(result(c, "confirm", R"({"token":"t1"})"), "null");
-    EXPECT_EQ(result(c, "set", R"({"path":"config/a","value":"y"})"), "null");
+    EXPECT_EQ(
+        result(c, "set_many",
+               R"({"updates":[{"path":"config/a","value":"y"},{"path":"config/b","value":"z"}]})"),
+        "null");
+    EXPECT_EQ(effects(), (std::vector<std::string>{"a=x", "a=y", "b=z"}));
 }
 
 }  // namespace
