@@ -57,10 +57,7 @@ TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
     auto c = connect();
     EXPECT_EQ(result(c, "get", R"({"path":"data/broken"})"),
               R"({"code":-5,"message":"Input/output error"})");
-    EXPECT_EQ(
-        result(c, "set", R"({"path":"data/broken","value":-1})"),
-        R"({"code":-22,"message":"Invalid value type: expected uint, got 32-bit signed integer",)"
-        R"("data":{"expected":"uint","actual":"32-bit signed integer"}})");
+    // The write tests hold the answer to a conversion error.
     EXPECT_EQ(result(c, "run", R"({"path":"data/broken"})"),
               R"({"code":-1,"message":"Unknown error!","data":{"what":"boom"}})");
 
@@ -150,40 +147,29 @@ TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
 }
 
 TEST_F(server_protocol, EventsCarrySequenceAndTime) {
-    auto subscriber = connect();
+    auto c = connect();
     set(*param, R"("0.0.0.1")");
-
     // The subscription answers the current value and sends it as an event, in either order.
-    ASSERT_TRUE(
-        subscriber.send_line(req(R"("sub")", "subscribe", R"({"path":"config/ospf/areaId"})")));
-    rapidjson::Document initial;
-    for (int i = 0; i < 2; ++i) {
-        auto d = subscriber.read_json();
-        if (d.HasMember("id"))
-            EXPECT_EQ(to_json_text(d), R"({"jsonrpc":"2.0","id":"sub","result":"0.0.0.1"})");
-        else
-            initial.Swap(d);
-    }
-    ASSERT_TRUE(initial.IsObject());
-    const std::regex iso(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
-    EXPECT_TRUE(std::regex_match(initial["params"]["time"].GetString(), iso));
-    std::uint64_t seq = initial["params"]["seq"].GetUint64();
-    initial["params"].RemoveMember("time");
-    initial["params"].RemoveMember("seq");
+    auto lines = exchange(c, "1", "subscribe", R"({"path":"config/ospf/areaId"})");
+    EXPECT_EQ(to_json_text(lines.back()["result"]), R"("0.0.0.1")");
+    auto initial = lines.size() > 1 ? std::move(lines.front()) : c.read_json();
+    auto& params = initial["params"];
+    EXPECT_TRUE(std::regex_match(params["time"].GetString(),
+                                 std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")));
+    std::uint64_t seq = params["seq"].GetUint64();
+    params.RemoveMember("time");
+    params.RemoveMember("seq");
     EXPECT_EQ(to_json_text(initial),
               R"({"jsonrpc":"2.0","method":"event","params":{"path":"config/ospf/areaId",)"
               R"("type":"valueChanged","value":"0.0.0.1"}})");
 
     // Every later change follows with the next sequence number, in order.
     for (int v = 2; v <= 4; ++v) set(*param, std::to_string(v));
-    for (int v = 2; v <= 4; ++v) {
-        auto e = subscriber.read_json();
-        EXPECT_EQ(e["params"]["value"].GetInt(), v);
-        EXPECT_EQ(e["params"]["seq"].GetUint64(), ++seq);
-    }
+    for (int v = 2; v <= 4; ++v)
+        EXPECT_EQ(event_of(c.read_json()),
+                  std::make_pair("config/ospf/areaId=" + std::to_string(v), ++seq));
 
-    EXPECT_EQ(result(subscriber, "unsubscribe", R"({"path":"config/ospf/areaId"})"), "null");
-    EXPECT_FALSE(param->has_subscribers());
+    EXPECT_EQ(result(c, "unsubscribe", R"({"path":"config/ospf/areaId"})"), "null");
     EXPECT_EQ(param->unsubscribes.load(), 1);
 }
 

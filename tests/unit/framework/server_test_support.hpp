@@ -224,17 +224,14 @@ class gated_node : public dh_db_leaf_node {
     std::shared_future<void> opened_ = gate_.get_future().share();
 };
 
-// Fails in the three ways a node can (dh_error, conversion error, any other exception); a run
-// with the value "echo" answers {"echo": value} instead, on the workers.
+// Fails with a dh_error (get) or any other exception (run); with `echo`, a run answers
+// {"echo": value} instead, on the workers.
 class tricky_node : public dh_db_leaf_node {
   public:
     tricky_node(dh_db& db, const std::string& path, bool echo)
         : dh_db_leaf_node(db, dh_db::split_path(path)), echo_(echo) {}
     void get(std::string_view, dh::Allocator&, dh::Value&) override {
         throw dh_error(-5, "Input/output error");
-    }
-    void set(std::string_view, const dh::Value&) override {
-        throw json_value_conversion_error{"uint", "32-bit signed integer"};
     }
     void run(std::string_view, const dh::Value& in, dh::Allocator& a, dh::Value& out) override {
         if (!echo_) throw std::runtime_error("boom");
