@@ -1,4 +1,4 @@
-// The protocol codec and the connection budget on their own: no sockets, no threads.
+// The protocol codec on its own: no sockets, no threads.
 
 #include <cmath>
 #include <cstring>
@@ -8,14 +8,11 @@
 #include <gtest/gtest.h>
 
 #include "dh_api/json_conversion.hpp"
-#include "listeners.hpp"
 #include "rpc_codec.hpp"
 
 namespace {
 
 using namespace dh::server::codec;
-using dh::server::detail::client_identity;
-using dh::server::detail::connection_budget;
 
 // Feeds `chunks` as successive reads and collects the lines handed out.
 std::vector<std::string> frame(line_framer& f, const std::vector<std::string>& chunks) {
@@ -108,30 +105,6 @@ TEST(answers, UnrepresentableResultIsAnError) {
     EXPECT_EQ(std::string(sb.GetString()),
               R"({"jsonrpc":"2.0","id":5,"error":{"code":-1,"message":"Unknown error!",)"
               R"("data":{"what":"result is not representable in JSON"}}})");
-}
-
-client_identity from(const char* address) {
-    client_identity c;
-    c.via = client_identity::transport::tcp;
-    c.address = address;
-    return c;
-}
-
-TEST(connection_budget, LocalNetworkAndPerAddressShares) {
-    connection_budget b(1, 3, 2);
-    EXPECT_FALSE(b.admit(from("192.0.2.1")));
-    EXPECT_FALSE(b.admit(from("192.0.2.1")));
-    EXPECT_EQ(b.admit(from("192.0.2.1")), "Too many connections from this address");
-    EXPECT_FALSE(b.admit(from("192.0.2.2")));
-    // The network is full: another address is refused, the Unix socket is not.
-    EXPECT_EQ(b.admit(from("192.0.2.3")), "Too many connections");
-    EXPECT_FALSE(b.admit(client_identity{}));
-    EXPECT_EQ(b.admit(client_identity{}), "Too many connections");
-
-    b.release(from("192.0.2.1"));
-    EXPECT_FALSE(b.admit(from("192.0.2.3")));
-    b.release(client_identity{});
-    EXPECT_FALSE(b.admit(client_identity{}));
 }
 
 }  // namespace

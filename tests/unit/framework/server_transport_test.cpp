@@ -169,33 +169,38 @@ std::string refusal(const char* message) {
            std::string(message) + "\"}}";
 }
 
-// The budget's arithmetic is the codec tests'; here: its refusals on the wire, and a closed
-// connection giving its place back.
+// The network's share (IPv4 and IPv6 together), each address's part of it, and the Unix
+// socket's own; a closed connection gives its place back.
 TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
     dh::server::options opts;
     opts.max_connections = 3;
     opts.max_per_address = 2;
     opts.max_local_connections = 1;
     test_server s(opts);
+    s.srv.start_ipv6_socket("lo");
     s.serve();
     auto a = line_client::tcp(s.srv.tcp_port());
     auto b = line_client::tcp(s.srv.tcp_port());
-    EXPECT_TRUE(answers(a));
-    EXPECT_TRUE(answers(b));
+    EXPECT_TRUE(answers(a) && answers(b));
     auto refused = line_client::tcp(s.srv.tcp_port());
     EXPECT_EQ(refused.read_line(), refusal("Too many connections from this address"));
     EXPECT_TRUE(refused.closed_by_peer());
+    auto v6 = line_client::tcp(s.srv.tcp_port(), "::1");
+    EXPECT_TRUE(answers(v6));
+    EXPECT_EQ(line_client::tcp(s.srv.tcp_port(), "::1").read_line(),
+              refusal("Too many connections"));
 
     auto local = line_client::unix_socket(s.srv.socket_path());
     EXPECT_TRUE(answers(local));
-    auto local_refused = line_client::unix_socket(s.srv.socket_path());
-    EXPECT_EQ(local_refused.read_line(), refusal("Too many connections"));
-    EXPECT_EQ(s.srv.connection_count(), 3u);
+    EXPECT_EQ(line_client::unix_socket(s.srv.socket_path()).read_line(),
+              refusal("Too many connections"));
+    EXPECT_EQ(s.srv.connection_count(), 4u);
 
-    { auto gone = std::move(a); }
+    { auto gone_a = std::move(a), gone_local = std::move(local); }
     ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 2; }));
     auto c = line_client::tcp(s.srv.tcp_port());
-    EXPECT_TRUE(answers(c));
+    auto d = s.connect();
+    EXPECT_TRUE(answers(c) && answers(d));
 }
 
 TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
