@@ -51,12 +51,10 @@ struct tls_server : test_server {
     }
 
     dh::client::client as(const std::string& name) const {
-        dh::client::options o;
-        o.timeout = 5s;
         return dh::client::client::tls("127.0.0.1", std::to_string(srv.tls_port()),
                                        {name.empty() ? "" : cert(name + ".pem"),
                                         name.empty() ? "" : cert(name + ".key"), cert("ca.pem")},
-                                       o);
+                                       {.timeout = 5s});
     }
 };
 
