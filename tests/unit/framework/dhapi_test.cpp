@@ -246,9 +246,6 @@ TEST_F(DhApi, CommandAndVolatileValueCallTheMethodEachTime) {
     EXPECT_EQ(read(*status), "\"e1 #2\"");
     handler->fail = true;
     EXPECT_EQ(error_of([&] { read(*status); }), "-22 refused");
-    handler.reset();
-    EXPECT_EQ(error_of([&] { run(*restore, "1"); }), "-2 Object has been removed");
-    EXPECT_EQ(error_of([&] { read(*status); }), "-2 Object has been removed");
 }
 
 TEST_F(DhApi, StatusValueRisesAtOnceAndFallsAfterTheDelay) {

@@ -103,25 +103,19 @@ TEST_F(leaf_sets, SyncSaysWhenTheHistoryNoLongerReachesBack) {
     set(*x, "0");
     const std::uint64_t since = s.db.latest_seq();
     for (int i = 1; i <= 1000; ++i) set(*x, std::to_string(i));
-    auto sync_of = [&](std::uint64_t from, std::size_t& replayed) {
-        auto c = connect();
-        exchange(c, "1", "subscribe", fmt::format(R"({{"path":"config/x","since_seq":{}}})", from));
-        replayed = 0;
-        for (;;) {
-            auto d = c.read_json();
-            if (std::string(d["method"].GetString()) == "sync") return to_json_text(d["params"]);
-            ++replayed;
-        }
-    };
     // The 1,000 newest entries are all still there: the one just before them is not needed. A
     // seq beyond the newest (the daemon started again since): everything, and incomplete.
     const std::pair<std::uint64_t, bool> cases[] = {
         {since, true}, {since - 1, false}, {since + 5000, false}};
     for (const auto& [from, complete] : cases) {
-        std::size_t n = 0;
-        EXPECT_EQ(sync_of(from, n),
+        auto c = connect();
+        exchange(c, "1", "subscribe", fmt::format(R"({{"path":"config/x","since_seq":{}}})", from));
+        std::size_t replayed = 0;
+        auto d = c.read_json();
+        for (; std::string(d["method"].GetString()) != "sync"; d = c.read_json()) ++replayed;
+        EXPECT_EQ(to_json_text(d["params"]),
                   fmt::format(R"({{"seq":{},"complete":{}}})", since + 1000, complete));
-        EXPECT_EQ(n, 1000u) << from;
+        EXPECT_EQ(replayed, 1000u) << from;
     }
 }
 

@@ -28,12 +28,14 @@ class ManualScheduler : public testing::Test {
     const dh::clock::time_point start = sched.time().now();
     strings ran;
 
-    // A task that records its name and the time it ran, in ms since the test began.
-    std::function<void()> note(const std::string& name) {
-        return [this, name] {
+    // A task that records its name and the time it ran, in ms since the test began; then fails
+    // if asked to.
+    std::function<void()> note(const std::string& name, bool fail = false) {
+        return [this, name, fail] {
             const auto at =
                 std::chrono::duration_cast<std::chrono::milliseconds>(sched.time().now() - start);
             ran.push_back(name + "@" + std::to_string(at.count()));
+            if (fail) throw std::runtime_error("broken");
         };
     }
 };
@@ -42,7 +44,7 @@ TEST_F(ManualScheduler, RunsWorkInTimeOrderAtItsOwnTime) {
     sched.after(30ms, note("a"), dh::scheduler::on::pool);
     sched.after(10ms, note("b"));
     sched.after(10ms, note("c"));
-    sched.every(20ms, 5ms, note("p"), dh::scheduler::on::pool);
+    sched.every(20ms, 5ms, note("p", true), dh::scheduler::on::pool);  // runs again after failing
     sched.post(note("posted"));
     EXPECT_TRUE(ran.empty());  // nothing runs until time moves or pending work is run
 
@@ -81,16 +83,6 @@ TEST_F(ManualScheduler, ALateRunDoesNotMakeUpForMissedPeriods) {
     });
     sched.advance(60ms);
     EXPECT_EQ(ran, (strings{"tick@0", "tick@45", "tick@55"}));
-}
-
-TEST_F(ManualScheduler, AFailingTaskRunsAgain) {
-    int runs = 0;
-    sched.every(10ms, 0ms, [&] {
-        ++runs;
-        throw std::runtime_error("broken");
-    });
-    sched.advance(20ms);
-    EXPECT_EQ(runs, 3);
 }
 
 // A pool task that stays running until released.
