@@ -74,4 +74,5 @@ TEST(DhctlView, PatternsAreWholeWildcardSegmentsAndTheirReadsLineUp) {
     EXPECT_EQ(dc::value_table(rows, false),
               "data/e1/linkStatus    up\n"
               "data/e13/sfp/rxPower  error -61: Value has not been set\n");
+    EXPECT_EQ(dc::value_table({{"a", "1"}}, true), "PATH  VALUE\na     1\n");
 }
