@@ -95,9 +95,10 @@ std::string run(dh_db_leaf_node& node, const std::string& value) {
     node.run("", parse(value), out.GetAllocator(), out);
     return to_json_text(out);
 }
-std::string info(dh_db_leaf_node& node) {
+// One member of the node's description, as JSON text.
+std::string info(dh_db_leaf_node& node, const char* member) {
     dh::Document d;
-    return to_json_text(node.get_info(d.GetAllocator()));
+    return to_json_text(node.get_info(d.GetAllocator())[member]);
 }
 // The code and text of the dh_error f throws.
 template <class F>
@@ -108,6 +109,17 @@ std::string error_of(F&& f) {
         return fmt::format("{} {}", e.code(), e.message());
     }
     return "no dh_error";
+}
+
+// What from_json<T> says it expected and got for `text`.
+template <class T>
+std::string mismatch(const char* text) {
+    try {
+        from_json<T>(parse(text));
+    } catch (const json_value_conversion_error& e) {
+        return e.expected + ", " + e.actual;
+    }
+    return "accepted";
 }
 
 struct DhApi : ::testing::Test {
@@ -134,28 +146,15 @@ TEST(DhApiConversion, TypeNamesAcceptedValuesAndMismatches) {
     for (const auto& [text, name] : names) EXPECT_EQ(json_type_name(parse(text)), name) << text;
 
     EXPECT_EQ(from_json<unsigned>(parse("4294967295")), 4294967295u);
-    EXPECT_EQ(to_json_text(from_json<dh::Document>(parse("{\"a\":[1,2]}"))), "{\"a\":[1,2]}");
     EXPECT_EQ(to_json_text(from_json<dh::Document>(parse(R"(" {\"k\": true} ")"))), "{\"k\":true}");
 
-    const std::tuple<std::function<void(const dh::Value&)>, const char*, const char*, const char*>
-        mismatches[] = {
-            {from_json<unsigned>, "-1", "uint", "32-bit signed integer"},
-            {from_json<unsigned>, "1.5", "uint", "float"},
-            {from_json<unsigned>, "4294967296", "uint", "64-bit unsigned integer"},
-            {from_json<bool>, "1", "bool", "32-bit unsigned integer"},
-            {from_json<bool>, "null", "bool", "null"},
-            {from_json<dh::Document>, "\"not json\"", "stringified object or array", "string"},
-            {from_json<dh::Document>, "42", "object or array", "32-bit unsigned integer"},
-        };
-    for (const auto& [convert, text, expected, actual] : mismatches) {
-        try {
-            convert(parse(text));
-            ADD_FAILURE() << text << " accepted";
-        } catch (const json_value_conversion_error& e) {
-            EXPECT_EQ(e.expected, expected) << text;
-            EXPECT_EQ(e.actual, actual) << text;
-        }
-    }
+    EXPECT_EQ(mismatch<unsigned>("-1"), "uint, 32-bit signed integer");
+    EXPECT_EQ(mismatch<unsigned>("1.5"), "uint, float");
+    EXPECT_EQ(mismatch<unsigned>("4294967296"), "uint, 64-bit unsigned integer");
+    EXPECT_EQ(mismatch<bool>("1"), "bool, 32-bit unsigned integer");
+    EXPECT_EQ(mismatch<bool>("null"), "bool, null");
+    EXPECT_EQ(mismatch<dh::Document>("\"not json\""), "stringified object or array, string");
+    EXPECT_EQ(mismatch<dh::Document>("42"), "object or array, 32-bit unsigned integer");
 
     dh::Document d;
     const auto inf = std::numeric_limits<double>::infinity();
@@ -179,16 +178,12 @@ TEST_F(DhApi, ParameterWritesReachTheMethodOnlyWhenTheValueChanges) {
     EXPECT_EQ(read(*node), "\"down\"");
     EXPECT_EQ(alice->values(), (strings{"\"up\"", "\"down\""}));
     EXPECT_EQ(bob->values().size(), 2u);
-    auto history = db.history(10);
-    ASSERT_EQ(history.Size(), 1u);
-    EXPECT_EQ(to_json_text(history[0]["value"]), "\"down\"");
 
     // A refusing method leaves the value and sends nothing.
     handler->fail = true;
     EXPECT_EQ(error_of([&] { write(*node, "\"bogus\""); }), "-22 refused");
     EXPECT_EQ(read(*node), "\"down\"");
     EXPECT_EQ(alice->values().size(), 2u);
-    EXPECT_EQ(db.history(10).Size(), 1u);
 
     // Non-text values reach a text parameter as their JSON text.
     handler->fail = false;
@@ -205,7 +200,6 @@ TEST_F(DhApi, ParameterWithoutValueAndGoneHandler) {
     EXPECT_EQ(subscribe(*node, alice), "null");
     EXPECT_TRUE(alice->values().empty());
     EXPECT_THROW(write(*node, "-1"), json_value_conversion_error);
-    EXPECT_TRUE(handler->calls.empty());
 
     write(*node, "7");
     EXPECT_EQ(read(*node), "7");
@@ -223,22 +217,18 @@ TEST_F(DhApi, ParameterConversionsAndDescription) {
     write(*area, "\"9.9.9.9\"");  // not an allowed value: the method decides
     EXPECT_EQ(handler->calls.back(), "e27 9.9.9.9");
     EXPECT_EQ(read(*area), "\"9.9.9.9\"");  // the method's change of its argument is not kept
-    EXPECT_EQ(to_json_text(parse(info(*area))["constraints"]),
-              R"({"allowed":["0.0.0.0","0.0.0.1"]})");
-    EXPECT_TRUE(area->is_async());
+    EXPECT_EQ(info(*area, "constraints"), R"({"allowed":["0.0.0.0","0.0.0.1"]})");
 
     auto whitelist = config_param<&fake_handler::set_whitelist>::create(
         db, "config/acl/whitelist", handler, nullptr, family::ipv4);
     write(*whitelist, "\"[1,2]\"");
     EXPECT_EQ(handler->calls.back(), "0 [1,2]");
-    EXPECT_THROW(write(*whitelist, "\"[1,\""), json_value_conversion_error);
     EXPECT_EQ(read(*whitelist), "[1,2]");
 
     auto metric =
         config_param<&fake_handler::set_metric>::create(db, "config/m", handler, nullptr, "e3");
     metric->set_grid_range(1, 65535, 1);
-    EXPECT_EQ(to_json_text(parse(info(*metric))["constraints"]),
-              R"({"min":1,"max":65535,"grid":1})");
+    EXPECT_EQ(info(*metric, "constraints"), R"({"min":1,"max":65535,"grid":1})");
 }
 
 TEST_F(DhApi, CommandAndVolatileValueCallTheMethodEachTime) {
@@ -256,9 +246,6 @@ TEST_F(DhApi, CommandAndVolatileValueCallTheMethodEachTime) {
     EXPECT_EQ(read(*status), "\"e1 #2\"");
     handler->fail = true;
     EXPECT_EQ(error_of([&] { read(*status); }), "-22 refused");
-    handler.reset();
-    EXPECT_EQ(error_of([&] { run(*restore, "1"); }), "-2 Object has been removed");
-    EXPECT_EQ(error_of([&] { read(*status); }), "-2 Object has been removed");
 }
 
 TEST_F(DhApi, StatusValueRisesAtOnceAndFallsAfterTheDelay) {
@@ -268,13 +255,10 @@ TEST_F(DhApi, StatusValueRisesAtOnceAndFallsAfterTheDelay) {
     node->set(false);
     EXPECT_EQ(read(*node), "false");
     EXPECT_EQ(subscribe(*node, alice), "false");
-    EXPECT_EQ(subscribe(*node, bob), "false");
 
     node->set(true);
     EXPECT_EQ(read(*node), "true");
     EXPECT_EQ(alice->values(), (strings{"false", "true"}));
-    EXPECT_EQ(bob->values().size(), 2u);
-    EXPECT_EQ(db.history(10).Size(), 1u);
 
     node->set(false);
     node->periodic_task(false);
@@ -305,7 +289,6 @@ TEST_F(DhApi, EqualAndCustomFiltersPublishEveryChangeOrWhatThePredicateAccepts) 
     for (const char* v : {"down", "down", "up"}) node->set_value(v);
     EXPECT_EQ(read(*node), "\"up\"");
     EXPECT_EQ(alice->values(), (strings{"\"down\"", "\"up\""}));
-    EXPECT_EQ(db.history(10).Size(), 2u);
 
     auto rising = pushed_number::create(
         db, "data/r",
@@ -332,7 +315,7 @@ TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
         EXPECT_EQ(read(*node), published) << value;
     }
     EXPECT_EQ(alice->values(), (strings{"10.0", "12.5", "17.5"}));
-    EXPECT_EQ(to_json_text(parse(info(*node))["hysteresis"]),
+    EXPECT_EQ(info(*node, "hysteresis"),
               R"({"filter":"default","ImmediateLimit":5.0,"delayedLimit":1.0,"delayCycles":2})");
 }
 
@@ -353,12 +336,8 @@ TEST_F(DhApi, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors) {
     handler->fail = true;
     handler->margin = 9.0;
     node->periodic_task(true);
-    node->periodic_task(true);
     EXPECT_EQ(read(*node), "4.0");
     handler->fail = false;
-    node->periodic_task(true);
-    EXPECT_EQ(read(*node), "9.0");
-    handler.reset();
     node->periodic_task(true);
     EXPECT_EQ(read(*node), "9.0");
 }

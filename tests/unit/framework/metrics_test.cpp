@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <regex>
 #include <string>
 
 #include <prometheus/text_serializer.h>
@@ -56,14 +57,10 @@ TEST(NodeGauges, HeldValuesOnlyBuiltAtEachScrape) {
          metrics::node_series(db, "data/{}/sfp/present", {"e13"}, conversion::number)},
         {"dh_outside", "Held elsewhere.", "", {{"", [&] { return outside; }}}},
     });
+    // The sample lines of a scrape, without the HELP and TYPE comments.
     const auto scrape = [&] {
-        std::string text = prometheus::TextSerializer().Serialize(gauges.Collect());
-        std::string samples;  // the sample lines only
-        for (std::size_t at = 0, end; at < text.size(); at = end + 1) {
-            end = text.find('\n', at);
-            if (text[at] != '#') samples += text.substr(at, end - at + 1);
-        }
-        return samples;
+        return std::regex_replace(prometheus::TextSerializer().Serialize(gauges.Collect()),
+                                  std::regex("#.*\n"), "");
     };
 
     const std::string links =

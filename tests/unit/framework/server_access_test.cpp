@@ -2,11 +2,9 @@
 // the role file itself. Certificates come from tests/tools/make-test-certs.sh, made once per run.
 
 #include <cstdlib>
-#include <optional>
 
 #include "dh_client.hpp"
 #include "roles.hpp"
-#include "server.hpp"
 #include "server_test_support.hpp"
 
 namespace server_test {
@@ -36,41 +34,28 @@ const char* roles_json = R"({
                      "CN=admin,O=Test": "admin"}
 })";
 
-struct tls_server {
-    explicit tls_server(bool plain_tcp = true) : dir(make_temp_dir()) {
-        dh::server::options opts;
-        opts.tls =
-            dh::server::tls_options{0, cert("server.pem"), cert("server.key"), cert("ca.pem")};
-        opts.roles = std::make_shared<role_map>(role_map::parse(roles_json, "test"));
-        opts.admin_only = {"command/reboot"};
-        opts.plain_tcp = plain_tcp;
-        srv.emplace(db, dir, 0, true, opts);
-        dh::api::const_value<std::string>::create(db, "data/version", "1.2.3");
+dh::server::options tls_options(bool plain_tcp) {
+    dh::server::options opts;
+    opts.tls = dh::server::tls_options{0, cert("server.pem"), cert("server.key"), cert("ca.pem")};
+    opts.roles = std::make_shared<role_map>(role_map::parse(roles_json, "test"));
+    opts.admin_only = {"command/reboot"};
+    opts.plain_tcp = plain_tcp;
+    return opts;
+}
+
+struct tls_server : test_server {
+    explicit tls_server(bool plain_tcp = true) : test_server(tls_options(plain_tcp)) {
         add<value_node>(db, "config/x", false);
-        add<tricky_node>(db, "command/echo", true);
         add<tricky_node>(db, "command/reboot", true);
-        serving = std::thread([this] { srv->run(); });
-    }
-    ~tls_server() {
-        srv->stop();
-        serving.join();
-        srv.reset();
-        std::filesystem::remove_all(dir);
+        serve();
     }
 
     dh::client::client as(const std::string& name) const {
-        dh::client::options o;
-        o.timeout = 5s;
-        return dh::client::client::tls("127.0.0.1", std::to_string(srv->tls_port()),
+        return dh::client::client::tls("127.0.0.1", std::to_string(srv.tls_port()),
                                        {name.empty() ? "" : cert(name + ".pem"),
                                         name.empty() ? "" : cert(name + ".key"), cert("ca.pem")},
-                                       o);
+                                       {.timeout = 5s});
     }
-
-    dh_db db;
-    const std::string dir;
-    std::optional<dh::server::server> srv;
-    std::thread serving;
 };
 
 // What the server answered a refused call, as the client library reports it.
@@ -85,13 +70,10 @@ TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
     const rapidjson::Value one(1);
     auto monitor = s.as("monitor");
     EXPECT_STREQ(monitor.get("data/version").GetString(), "1.2.3");
-    EXPECT_EQ(monitor.list("config").Size(), 1u);
     EXPECT_EQ(refusal([&] { monitor.set("config/x", one); }), denied);
-    EXPECT_EQ(refusal([&] { monitor.run("command/echo", one); }), denied);
 
     auto op = s.as("operator");
     op.set("config/x", one);
-    EXPECT_EQ(op.run("command/echo", one)["echo"].GetInt(), 1);
     EXPECT_EQ(refusal([&] { op.run("command/reboot", one); }), denied);
     // Refused before the path is looked up, so roles do not reveal which nodes exist.
     EXPECT_EQ(refusal([&] { monitor.set("no/such/node", one); }), denied);
@@ -100,13 +82,10 @@ TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
     EXPECT_EQ(admin.run("command/reboot", one)["echo"].GetInt(), 1);
 
     // The history names who made the change.
-    const auto history = admin.history(1);
-    ASSERT_EQ(history.Size(), 1u);
-    EXPECT_STREQ(history[0]["path"].GetString(), "config/x");
-    EXPECT_STREQ(history[0]["who"].GetString(), "CN=operator,O=Test");
+    EXPECT_STREQ(admin.history(1)[0]["who"].GetString(), "CN=operator,O=Test");
 
     // Plain TCP clients get the role file's plainTcp role, monitor by default.
-    auto plain = dh::client::client::tcp("127.0.0.1", std::to_string(s.srv->tcp_port()));
+    auto plain = dh::client::client::tcp("127.0.0.1", std::to_string(s.srv.tcp_port()));
     EXPECT_STREQ(plain.get("data/version").GetString(), "1.2.3");
     EXPECT_EQ(refusal([&] { plain.set("config/x", one); }), denied);
 }
@@ -121,19 +100,20 @@ TEST(server_tls, OnlyTrustedCertificatesGetInAndPlainTcpCanBeOff) {
     EXPECT_THROW(try_get(""), dh::client::connection_error);
     EXPECT_THROW(try_get("rogue"), dh::client::connection_error);
     // A client that speaks no TLS at all gets nothing either.
-    auto raw = line_client::tcp(s.srv->tls_port());
+    auto raw = line_client::tcp(s.srv.tls_port());
     ASSERT_TRUE(raw.send_line(
         R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})"));
     EXPECT_TRUE(raw.closed_by_peer());
     EXPECT_STREQ(s.as("monitor").get("data/version").GetString(), "1.2.3");
 
-    // Without plain TCP: no TCP or IPv6 listener, the Unix socket stays.
-    EXPECT_EQ(s.srv->tcp_port(), 0u);
-    s.srv->start_ipv6_socket("lo");
-    EXPECT_EQ(s.srv->ipv6_port(), 0u);
-    EXPECT_STREQ(
-        dh::client::client::unix_socket(s.srv->socket_path()).get("data/version").GetString(),
-        "1.2.3");
+    // Without plain TCP: no TCP or IPv6 listener, the Unix socket stays (it answers whatever the
+    // role of the user running the test).
+    EXPECT_EQ(s.srv.tcp_port(), 0u);
+    s.srv.start_ipv6_socket("lo");
+    EXPECT_EQ(s.srv.ipv6_port(), 0u);
+    auto local = s.connect();
+    EXPECT_TRUE(local.send_line(req("1", "get", R"({"path":"data/version"})")) &&
+                local.read_line());
 }
 
 TEST(roles, WhatEachRoleMayCall) {

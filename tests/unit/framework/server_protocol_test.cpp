@@ -19,74 +19,64 @@ TEST_F(server_protocol, EveryMethodAnswersAsTheProtocolSays) {
     auto c = connect();
     EXPECT_EQ(to_json_text(call(c, req("1", "get", R"({"path":"/data/version/"})"))),
               R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
-    EXPECT_EQ(to_json_text(call(c, req(R"("s")", "get", R"({"path":"config/ospf/areaId"})"))),
-              R"({"jsonrpc":"2.0","id":"s","result":null})");
-    // Request and result; asynchronous nodes answer the same way as immediate ones.
-    const std::pair<std::string, std::string> exchanges[] = {
-        {req("2", "set", R"({"path":"config/ospf/areaId","value":{"a":[1,2]}})"), "null"},
-        {req("3", "get", R"({"path":"config/ospf/areaId"})"), R"({"a":[1,2]})"},
-        {req("4", "set", R"({"path":"config/ntp/server","value":"10.0.0.1"})"), "null"},
-        {req("5", "run", R"({"path":"command/echo","value":[true]})"), R"({"echo":[true]})"},
-        {req("6", "run", R"({"path":"command/echo"})"), R"({"echo":null})"},
-        {req("7", "info", R"({"path":"data/version"})"),
+    // Method, params and result; asynchronous nodes answer the same way as immediate ones.
+    const std::tuple<const char*, const char*, const char*> exchanges[] = {
+        {"get", R"({"path":"config/ospf/areaId"})", "null"},
+        {"set", R"({"path":"config/ospf/areaId","value":{"a":[1,2]}})", "null"},
+        {"get", R"({"path":"config/ospf/areaId"})", R"({"a":[1,2]})"},
+        {"set", R"({"path":"config/ntp/server","value":"10.0.0.1"})", "null"},
+        {"run", R"({"path":"command/echo","value":[true]})", R"({"echo":[true]})"},
+        {"run", R"({"path":"command/echo"})", R"({"echo":null})"},
+        {"info", R"({"path":"data/version"})",
          R"js({"path":"data/version","description":"const value (read)","type":"const value",)js"
          R"js("valueType":"string","capabilities":{"read":true}})js"},
         // A prefix matches whole components only.
-        {req("8", "list", R"({"path":"config/ospf/"})"),
+        {"list", R"({"path":"config/ospf/"})",
          R"js([{"path":"config/ospf/areaId","info":"config value (read,write,subscribe)"}])js"}};
-    dh::api::const_value<int>::create(api_->db, "config/ospfx", 1);
-    for (const auto& [request, result] : exchanges)
-        EXPECT_EQ(to_json_text(call(c, request)["result"]), result) << request;
+    dh::api::const_value<int>::create(s.db, "config/ospfx", 1);
+    for (const auto& [method, params, answer] : exchanges)
+        EXPECT_EQ(result(c, method, params), answer) << method << params;
 
-    auto r = call(c, req("9", "list"));
+    const auto all = parse(result(c, "list"));
     std::vector<std::string> paths;
-    for (const auto& e : r["result"].GetArray()) paths.emplace_back(e["path"].GetString());
+    for (const auto& e : all.GetArray()) paths.emplace_back(e["path"].GetString());
     EXPECT_EQ(paths, (std::vector<std::string>{"command/echo", "config/ntp/server",
                                                "config/ospf/areaId", "config/ospfx", "data/broken",
                                                "data/slow", "data/version"}));
 
-    r = call(c, req("10", "history"));
-    ASSERT_EQ(r["result"].Size(), 2u);
-    EXPECT_EQ(std::string(r["result"][0]["path"].GetString()), "config/ospf/areaId");
-    EXPECT_EQ(std::string(r["result"][1]["value"].GetString()), "10.0.0.1");
-    r = call(c, req("11", "history", R"({"limit":1})"));
-    ASSERT_EQ(r["result"].Size(), 1u);
-    EXPECT_EQ(std::string(r["result"][0]["path"].GetString()), "config/ntp/server");
+    // Oldest first; a limit keeps the newest.
+    const auto history = parse(result(c, "history"));
+    ASSERT_EQ(history.Size(), 2u);
+    EXPECT_STREQ(history[0]["path"].GetString(), "config/ospf/areaId");
+    EXPECT_STREQ(history[1]["value"].GetString(), "10.0.0.1");
+    EXPECT_STREQ(parse(result(c, "history", R"({"limit":1})"))[0]["path"].GetString(),
+                 "config/ntp/server");
 }
 
 TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
     auto c = connect();
-    const std::pair<std::string, std::string> node_errors[] = {
-        {req("1", "get", R"({"path":"data/broken"})"),
-         R"({"code":-5,"message":"Input/output error"})"},
-        {req("2", "set", R"({"path":"data/broken","value":-1})"),
-         R"({"code":-22,"message":"Invalid value type: expected uint, got 32-bit signed integer",)"
-         R"("data":{"expected":"uint","actual":"32-bit signed integer"}})"},
-        {req("3", "run", R"({"path":"data/broken"})"),
-         R"({"code":-1,"message":"Unknown error!","data":{"what":"boom"}})"},
-    };
-    for (const auto& [request, error] : node_errors)
-        EXPECT_EQ(to_json_text(call(c, request)["error"]), error);
+    EXPECT_EQ(result(c, "get", R"({"path":"data/broken"})"),
+              R"({"code":-5,"message":"Input/output error"})");
+    // The write tests hold the answer to a conversion error.
+    EXPECT_EQ(result(c, "run", R"({"path":"data/broken"})"),
+              R"({"code":-1,"message":"Unknown error!","data":{"what":"boom"}})");
 
-    const std::tuple<int, const char*, std::string> refused[] = {
-        {-95, "Operation not supported", req("4", "set", R"({"path":"data/version","value":1})")},
-        {-95, "Operation not supported", req("4", "run", R"({"path":"config/ospf/areaId"})")},
-        {-95, "Operation not supported", req("4", "subscribe", R"({"path":"data/version"})")},
-        {-95, "Operation not supported", req("4", "subscribe", R"({"path":"command/echo"})")},
-        {-32001, "No such node: /no/such/", req("4", "get", R"({"path":"/no/such/"})")},
-        {-32601, "Method not found", req("4", "fetch", R"({"path":"data/version"})")},
-        {-32602, "Invalid params", req("4", "get")},
-        {-32602, "Invalid params", req("4", "get", R"({"path":3})")},
-        {-32602, "Invalid params", req("4", "get", R"(["data/version"])")},
-        {-32602, "Invalid params", req("4", "set", R"({"path":"config/ospf/areaId"})")},
-        {-32602, "Invalid params", req("4", "history", R"({"limit":-1})")},
-        {-32602, "Invalid params", req("4", "list", R"({"path":false})")},
+    const std::tuple<int, const char*, const char*, const char*> refused[] = {
+        {-95, "Operation not supported", "set", R"({"path":"data/version","value":1})"},
+        {-95, "Operation not supported", "run", R"({"path":"config/ospf/areaId"})"},
+        {-95, "Operation not supported", "subscribe", R"({"path":"data/version"})"},
+        {-32001, "No such node: /no/such/", "get", R"({"path":"/no/such/"})"},
+        {-32602, "Invalid params", "get", ""},
+        {-32602, "Invalid params", "get", R"({"path":3})"},
+        {-32602, "Invalid params", "get", R"(["data/version"])"},
+        {-32602, "Invalid params", "set", R"({"path":"config/ospf/areaId"})"},
+        {-32602, "Invalid params", "history", R"({"limit":-1})"},
+        {-32602, "Invalid params", "list", R"({"path":false})"},
     };
-    for (const auto& [code, message, request] : refused) {
-        EXPECT_EQ(to_json_text(call(c, request)),
-                  fmt::format(R"({{"jsonrpc":"2.0","id":4,"error":{{"code":{},"message":"{}"}}}})",
-                              code, message));
-    }
+    for (const auto& [code, message, method, params] : refused)
+        EXPECT_EQ(result(c, method, params),
+                  fmt::format(R"({{"code":{},"message":"{}"}})", code, message))
+            << method << params;
     // The codec tests hold the other malformed envelopes.
     EXPECT_EQ(to_json_text(call(c, R"({"jsonrpc":"1.0","id":8,"method":"get"})")),
               R"({"jsonrpc":"2.0","id":8,"error":{"code":-32600,"message":"Invalid Request"}})");
@@ -97,8 +87,7 @@ TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
         EXPECT_EQ(to_json_text(call(c, bad)),
                   R"({"jsonrpc":"2.0","id":null,"error":{"code":-32700,"message":"Parse error"}})");
     // None of that closed the connection.
-    EXPECT_EQ(to_json_text(call(c, req("11", "get", R"({"path":"data/version"})"))["result"]),
-              R"("1.2.3")");
+    EXPECT_EQ(result(c, "get", R"({"path":"data/version"})"), R"("1.2.3")");
 }
 
 TEST_F(server_protocol, NotificationsAndBatches) {
@@ -125,17 +114,14 @@ TEST_F(server_protocol, NotificationsAndBatches) {
                             "," + notification("get", R"({"path":"data/version"})") + "]"));
     EXPECT_EQ(to_json_text(call(c, req("2", "get", R"({"path":"config/ospf/areaId"})"))),
               R"({"jsonrpc":"2.0","id":2,"result":8})");
-    EXPECT_TRUE(wait_until([&] {
-        return to_json_text(call(
-                   c, req("3", "get", R"({"path":"config/ntp/server"})"))["result"]) == R"("a")";
-    }));
+    EXPECT_TRUE(wait_until(
+        [&] { return result(c, "get", R"({"path":"config/ntp/server"})") == R"("a")"; }));
     EXPECT_EQ(to_json_text(call(c, "[]")),
               R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Invalid Request"}})");
 }
 
 TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
     auto c = connect();
-    auto other = connect();
     ASSERT_TRUE(c.send_line(req(R"("slow")", "get", R"({"path":"data/slow"})")));
     ASSERT_TRUE(wait_until([&] { return gate->waiting == 1; }));
     // Same connection, immediate node, and an asynchronous one on another worker.
@@ -144,8 +130,6 @@ TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
     std::set<std::string> first_two;
     for (int i = 0; i < 2; ++i) first_two.insert(c.read_json()["id"].GetString());
     EXPECT_EQ(first_two, (std::set<std::string>{"fast", "cmd"}));
-    EXPECT_EQ(to_json_text(call(other, req("1", "get", R"({"path":"data/version"})"))["result"]),
-              R"("1.2.3")");
 
     gate->open();
     EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":"slow","result":"slow"})");
@@ -161,47 +145,29 @@ TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
 }
 
 TEST_F(server_protocol, EventsCarrySequenceAndTime) {
-    auto subscriber = connect();
-    auto writer = connect();
-    auto set_area = [&](const std::string& value) {
-        call(writer, req("1", "set", R"({"path":"config/ospf/areaId","value":)" + value + "}"));
-    };
-    set_area(R"("0.0.0.1")");
-
+    auto c = connect();
+    set(*param, R"("0.0.0.1")");
     // The subscription answers the current value and sends it as an event, in either order.
-    ASSERT_TRUE(
-        subscriber.send_line(req(R"("sub")", "subscribe", R"({"path":"config/ospf/areaId"})")));
-    rapidjson::Document initial;
-    for (int i = 0; i < 2; ++i) {
-        auto d = subscriber.read_json();
-        if (d.HasMember("id"))
-            EXPECT_EQ(to_json_text(d), R"({"jsonrpc":"2.0","id":"sub","result":"0.0.0.1"})");
-        else
-            initial.Swap(d);
-    }
-    ASSERT_TRUE(initial.IsObject());
-    const std::regex iso(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)");
-    EXPECT_TRUE(std::regex_match(initial["params"]["time"].GetString(), iso));
-    std::uint64_t seq = initial["params"]["seq"].GetUint64();
-    initial["params"].RemoveMember("time");
-    initial["params"].RemoveMember("seq");
+    auto lines = exchange(c, "1", "subscribe", R"({"path":"config/ospf/areaId"})");
+    EXPECT_EQ(to_json_text(lines.back()["result"]), R"("0.0.0.1")");
+    auto initial = lines.size() > 1 ? std::move(lines.front()) : c.read_json();
+    auto& params = initial["params"];
+    EXPECT_TRUE(std::regex_match(params["time"].GetString(),
+                                 std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z)")));
+    std::uint64_t seq = params["seq"].GetUint64();
+    params.RemoveMember("time");
+    params.RemoveMember("seq");
     EXPECT_EQ(to_json_text(initial),
               R"({"jsonrpc":"2.0","method":"event","params":{"path":"config/ospf/areaId",)"
               R"("type":"valueChanged","value":"0.0.0.1"}})");
 
     // Every later change follows with the next sequence number, in order.
-    for (int v = 2; v <= 4; ++v) set_area(std::to_string(v));
-    for (int v = 2; v <= 4; ++v) {
-        auto e = subscriber.read_json();
-        EXPECT_EQ(e["params"]["value"].GetInt(), v);
-        EXPECT_EQ(e["params"]["seq"].GetUint64(), ++seq);
-        EXPECT_TRUE(std::regex_match(e["params"]["time"].GetString(), iso));
-    }
+    for (int v = 2; v <= 4; ++v) set(*param, std::to_string(v));
+    for (int v = 2; v <= 4; ++v)
+        EXPECT_EQ(event_of(c.read_json()),
+                  std::make_pair("config/ospf/areaId=" + std::to_string(v), ++seq));
 
-    EXPECT_EQ(to_json_text(call(subscriber,
-                                req(R"("u")", "unsubscribe", R"({"path":"config/ospf/areaId"})"))),
-              R"({"jsonrpc":"2.0","id":"u","result":null})");
-    EXPECT_FALSE(param->has_subscribers());
+    EXPECT_EQ(result(c, "unsubscribe", R"({"path":"config/ospf/areaId"})"), "null");
     EXPECT_EQ(param->unsubscribes.load(), 1);
 }
 
@@ -229,7 +195,7 @@ TEST_F(server_protocol, RequestsConnectionsAndEventsAreCounted) {
     const double events = metric_count("dh_events_sent_total", {});
     {
         auto local = connect();
-        auto remote = line_client::tcp(api_->tcp_port());
+        auto remote = line_client::tcp(s.srv.tcp_port());
         EXPECT_TRUE(wait_until([&] {
             return open_on("unix") == unix_before + 1 && open_on("tcp") == tcp_before + 1;
         }));
@@ -243,8 +209,6 @@ TEST_F(server_protocol, RequestsConnectionsAndEventsAreCounted) {
         EXPECT_EQ(requests("get", "error"), get_error + 1);
         // A method name a client made up is not a label value of its own.
         EXPECT_EQ(requests("other", "error"), other_error + 1);
-        EXPECT_FALSE(
-            metric_sample("dh_requests_total", {{"method", "drop"}, {"outcome", "error"}}));
         EXPECT_EQ(requests("set", "ok"), set_ok + 1);
         EXPECT_EQ(timed("get"), get_timed + 2);
 
@@ -257,8 +221,11 @@ TEST_F(server_protocol, RequestsConnectionsAndEventsAreCounted) {
         EXPECT_TRUE(
             wait_until([&] { return metric_count("dh_events_sent_total", {}) == events + 2; }));
     }
-    EXPECT_TRUE(
-        wait_until([&] { return open_on("unix") == unix_before && open_on("tcp") == tcp_before; }));
+    // Closed, the connections are no longer counted and their subscriptions end.
+    EXPECT_TRUE(wait_until([&] {
+        return open_on("unix") == unix_before && open_on("tcp") == tcp_before &&
+               async_param->unsubscribes.load() == 1;
+    }));
 }
 
 }  // namespace

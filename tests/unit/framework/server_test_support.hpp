@@ -1,7 +1,7 @@
 #pragma once
 
 // Shared by the server and client tests: a raw line connection on real sockets, small node
-// kinds, and a fixture that runs a real server on a socket in a temporary directory.
+// kinds, and real servers on sockets in a temporary directory.
 
 #include <netdb.h>
 #include <poll.h>
@@ -25,10 +25,11 @@
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
 
-#include "device_handler_api.hpp"
 #include "dh_api/dh_api.hpp"
 #include "dh_db.hpp"
 #include "dh_session.hpp"
+#include "scheduler.hpp"
+#include "server.hpp"
 
 namespace server_test {
 
@@ -223,17 +224,14 @@ class gated_node : public dh_db_leaf_node {
     std::shared_future<void> opened_ = gate_.get_future().share();
 };
 
-// Fails in the three ways a node can (dh_error, conversion error, any other exception); a run
-// with the value "echo" answers {"echo": value} instead, on the workers.
+// Fails with a dh_error (get) or any other exception (run); with `echo`, a run answers
+// {"echo": value} instead, on the workers.
 class tricky_node : public dh_db_leaf_node {
   public:
     tricky_node(dh_db& db, const std::string& path, bool echo)
         : dh_db_leaf_node(db, dh_db::split_path(path)), echo_(echo) {}
     void get(std::string_view, dh::Allocator&, dh::Value&) override {
         throw dh_error(-5, "Input/output error");
-    }
-    void set(std::string_view, const dh::Value&) override {
-        throw json_value_conversion_error{"uint", "32-bit signed integer"};
     }
     void run(std::string_view, const dh::Value& in, dh::Allocator& a, dh::Value& out) override {
         if (!echo_) throw std::runtime_error("boom");
@@ -259,41 +257,90 @@ inline std::string make_temp_dir() {
     return pattern;
 }
 
-// A real server on <tmp>/sock/dh.sock and an ephemeral port on 127.0.0.1, serving on a thread.
+// A real server with its own node tree (data/version to begin with) on <tmp>/dh.sock and an
+// ephemeral port on 127.0.0.1; serve() runs it on a thread until the object goes.
+struct test_server {
+    explicit test_server(dh::server::options opts = {}) : srv(db, dir, 0, true, std::move(opts)) {
+        dh::api::const_value<std::string>::create(db, "data/version", "1.2.3");
+    }
+    ~test_server() {
+        srv.stop();
+        if (thread.joinable()) thread.join();
+        std::filesystem::remove_all(dir);
+    }
+    void serve() {
+        thread = std::thread([this] { srv.run(); });
+    }
+    line_client connect() const { return line_client::unix_socket(srv.socket_path()); }
+
+    dh_db db;
+    const std::string dir = make_temp_dir();
+    dh::server::server srv;
+    std::thread thread;
+};
+
+// A served test_server with the small node kinds above and heartbeats on a manual clock.
 class server_fixture : public ::testing::Test {
   protected:
     void SetUp() override {
-        api_ = std::make_unique<device_handler_api>(dir_ + "/sock", 0, true);
-        dh::api::const_value<std::string>::create(api_->db, "data/version", "1.2.3");
-        param = add<value_node>(api_->db, "config/ospf/areaId", false);
-        async_param = add<value_node>(api_->db, "config/ntp/server", true);
-        gate = add<gated_node>(api_->db);
-        add<tricky_node>(api_->db, "data/broken", false);
-        add<tricky_node>(api_->db, "command/echo", true);
+        param = add<value_node>(s.db, "config/ospf/areaId", false);
+        async_param = add<value_node>(s.db, "config/ntp/server", true);
+        gate = add<gated_node>(s.db);
+        add<tricky_node>(s.db, "data/broken", false);
+        add<tricky_node>(s.db, "command/echo", true);
         before_start();
-        thread_ = std::thread([this] { api_->start(); });
+        s.serve();
     }
     // For fixtures that add to the server before it serves.
     virtual void before_start() {}
-    void TearDown() override {
-        gate->open();
-        api_->stop();
-        thread_.join();
-        api_.reset();
-        std::filesystem::remove_all(dir_);
-    }
+    void TearDown() override { gate->open(); }
 
-    line_client connect() { return line_client::unix_socket(api_->socket_path()); }
+    line_client connect() { return s.connect(); }
 
     // Sends one request and returns the next line as a document.
     static rapidjson::Document call(line_client& c, const std::string& request) {
         EXPECT_TRUE(c.send_line(request));
         return c.read_json();
     }
+    // Sends a request; returns the lines up to and including its answer.
+    static std::vector<rapidjson::Document> exchange(line_client& c, const std::string& id,
+                                                     const std::string& method,
+                                                     const std::string& params) {
+        EXPECT_TRUE(c.send_line(req(id, method, params)));
+        std::vector<rapidjson::Document> lines;
+        for (;;) {
+            lines.push_back(c.read_json());
+            const auto& d = lines.back();
+            if (d.HasMember("id") && to_json_text(d["id"]) == id) return lines;
+        }
+    }
+    // The result of a request, or its error, as JSON text.
+    static std::string result(line_client& c, const std::string& method,
+                              const std::string& params = "") {
+        auto lines = exchange(c, "0", method, params);
+        const auto& answer = lines.back();
+        return to_json_text(answer.HasMember("result") ? answer["result"] : answer["error"]);
+    }
+    // The next line is the answer to a get: nothing was sent before it.
+    static void expect_nothing_pending(line_client& c) {
+        auto lines = exchange(c, R"("probe")", "get", R"({"path":"data/version"})");
+        EXPECT_EQ(lines.size(), 1u) << to_json_text(lines.front());
+    }
+    // path=value and seq of an event line.
+    static std::pair<std::string, std::uint64_t> event_of(const rapidjson::Document& d) {
+        EXPECT_EQ(std::string(d["method"].GetString()), "event") << to_json_text(d);
+        return {
+            std::string(d["params"]["path"].GetString()) + "=" + to_json_text(d["params"]["value"]),
+            d["params"]["seq"].GetUint64()};
+    }
+    static void set(value_node& n, const std::string& json) { n.set({}, parse(json)); }
 
-    const std::string dir_ = make_temp_dir();
-    std::unique_ptr<device_handler_api> api_;
-    std::thread thread_;
+    dh::manual_scheduler sched;
+    test_server s{[this] {
+        dh::server::options o;
+        o.scheduler = &sched;
+        return o;
+    }()};
     std::shared_ptr<value_node> param;
     std::shared_ptr<value_node> async_param;
     std::shared_ptr<gated_node> gate;

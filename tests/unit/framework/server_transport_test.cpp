@@ -6,7 +6,7 @@
 #include <system_error>
 
 #include "../metric_sample.hpp"
-#include "server.hpp"
+#include "device_handler_api.hpp"
 #include "server_test_support.hpp"
 
 namespace server_test {
@@ -22,24 +22,6 @@ bool answers(line_client& c) {
            c.read_line() == R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})";
 }
 
-// A server with its own node tree and limits, serving on a thread until destroyed.
-struct bare_server {
-    explicit bare_server(dh::server::options opts = {})
-        : dir(make_temp_dir()), srv(db, dir, 0, true, opts), serving([this] { srv.run(); }) {
-        dh::api::const_value<std::string>::create(db, "data/version", "1.2.3");
-    }
-    ~bare_server() {
-        srv.stop();
-        serving.join();
-        std::filesystem::remove_all(dir);
-    }
-
-    dh_db db;
-    const std::string dir;
-    dh::server::server srv;
-    std::thread serving;
-};
-
 TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
     const std::string dir = make_temp_dir();
     const std::string sock_dir = dir + "/a/b";
@@ -51,7 +33,8 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
         ASSERT_EQ(::stat(api.socket_path().c_str(), &st), 0);
         EXPECT_TRUE(S_ISSOCK(st.st_mode));
         EXPECT_EQ(st.st_mode & 0777, 0660u);
-        EXPECT_NE(api.tcp_port(), 0u);
+        // IPv6 is bound to an interface that must exist (the limits test uses it on lo).
+        EXPECT_THROW(api.start_ipv6_socket("no-such-if0"), std::system_error);
         // Children the daemon starts must not inherit its listening sockets.
         for (const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) {
             std::error_code ec;
@@ -67,13 +50,6 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
     std::filesystem::remove_all(dir);
 }
 
-TEST_F(server_transport, Ipv6SocketOnOneInterface) {
-    EXPECT_THROW(api_->start_ipv6_socket("no-such-if0"), std::system_error);
-    api_->start_ipv6_socket("lo");
-    auto c = line_client::tcp(api_->tcp_port(), "::1");
-    EXPECT_TRUE(answers(c));
-}
-
 TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
     auto c = connect();
     // Exactly 1 MiB is still a line; the value is a long string of the right size.
@@ -81,7 +57,6 @@ TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
         R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/ospf/areaId","value":")";
     const std::string tail = R"("}})";
     const std::string fits = head + std::string((1u << 20) - head.size() - tail.size(), 'x') + tail;
-    ASSERT_EQ(fits.size(), 1u << 20);
     EXPECT_TRUE(call(c, fits)["result"].IsNull());
 
     c.send_raw(std::string((1u << 20) + 1, ' '));
@@ -89,8 +64,6 @@ TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
         c.read_line(),
         R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request too large"}})");
     EXPECT_TRUE(c.closed_by_peer());
-    auto other = connect();
-    EXPECT_TRUE(answers(other));
 }
 
 TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
@@ -98,11 +71,7 @@ TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
     EXPECT_EQ(
         to_json_text(call(c, std::string(100000, '['))),
         R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Nesting too deep"}})");
-    std::string objects;
-    for (int i = 0; i < 100000; ++i) objects += R"({"a":)";
-    EXPECT_EQ(call(c, objects)["error"]["code"].GetInt(), -32600);
-
-    // The request object and params count: 62 arrays in the value make 64 levels.
+    // Objects count as well: with the request object and params, 62 arrays make 64 levels.
     auto nested = [](int n) {
         return R"({"jsonrpc":"2.0","id":2,"method":"set","params":{"path":"config/ospf/areaId","value":)" +
                std::string(n, '[') + std::string(n, ']') + "}}";
@@ -142,18 +111,6 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
     EXPECT_TRUE(answers(reader));
 }
 
-TEST_F(server_transport, DisconnectEndsSubscriptions) {
-    {
-        auto c = connect();
-        call(c, req("1", "subscribe", R"({"path":"config/ospf/areaId"})"));
-        call(c, req("1", "subscribe", R"({"path":"config/ntp/server"})"));
-        EXPECT_TRUE(param->has_subscribers() && async_param->has_subscribers());
-    }
-    EXPECT_TRUE(wait_until(
-        [&] { return param->unsubscribes.load() == 1 && async_param->unsubscribes.load() == 1; }));
-    EXPECT_FALSE(param->has_subscribers() || async_param->has_subscribers());
-}
-
 TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
     auto c = connect();
     // The last request has no newline; the slow one finishes after the peer stopped sending.
@@ -175,7 +132,8 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     // no descriptor left it reports every such check as a fault.
     GTEST_SKIP() << "needs free descriptors under AddressSanitizer/UndefinedBehaviorSanitizer";
 #endif
-    bare_server b;
+    test_server b;
+    b.serve();
     rlimit saved{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     const auto open_now = std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -202,39 +160,46 @@ std::string refusal(const char* message) {
            std::string(message) + "\"}}";
 }
 
-// The budget's arithmetic is the codec tests'; here: its refusals on the wire, and a closed
-// connection giving its place back.
+// The network's share (IPv4 and IPv6 together), each address's part of it, and the Unix
+// socket's own; a closed connection gives its place back.
 TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
     dh::server::options opts;
     opts.max_connections = 3;
     opts.max_per_address = 2;
     opts.max_local_connections = 1;
-    bare_server s(opts);
+    test_server s(opts);
+    s.srv.start_ipv6_socket("lo");
+    s.serve();
     auto a = line_client::tcp(s.srv.tcp_port());
     auto b = line_client::tcp(s.srv.tcp_port());
-    EXPECT_TRUE(answers(a));
-    EXPECT_TRUE(answers(b));
+    EXPECT_TRUE(answers(a) && answers(b));
     auto refused = line_client::tcp(s.srv.tcp_port());
     EXPECT_EQ(refused.read_line(), refusal("Too many connections from this address"));
     EXPECT_TRUE(refused.closed_by_peer());
+    auto v6 = line_client::tcp(s.srv.tcp_port(), "::1");
+    EXPECT_TRUE(answers(v6));
+    EXPECT_EQ(line_client::tcp(s.srv.tcp_port(), "::1").read_line(),
+              refusal("Too many connections"));
 
     auto local = line_client::unix_socket(s.srv.socket_path());
     EXPECT_TRUE(answers(local));
-    auto local_refused = line_client::unix_socket(s.srv.socket_path());
-    EXPECT_EQ(local_refused.read_line(), refusal("Too many connections"));
-    EXPECT_EQ(s.srv.connection_count(), 3u);
+    EXPECT_EQ(line_client::unix_socket(s.srv.socket_path()).read_line(),
+              refusal("Too many connections"));
+    EXPECT_EQ(s.srv.connection_count(), 4u);
 
-    { auto gone = std::move(a); }
+    { auto gone_a = std::move(a), gone_local = std::move(local); }
     ASSERT_TRUE(wait_until([&] { return s.srv.connection_count() == 2; }));
     auto c = line_client::tcp(s.srv.tcp_port());
-    EXPECT_TRUE(answers(c));
+    auto d = s.connect();
+    EXPECT_TRUE(answers(c) && answers(d));
 }
 
 TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
     dh::server::options opts;
     opts.idle_timeout = 200ms;
-    bare_server s(opts);
+    test_server s(opts);
     add<value_node>(s.db, "config/x", false);
+    s.serve();
     auto silent = line_client::tcp(s.srv.tcp_port());
     auto talking = line_client::unix_socket(s.srv.socket_path());
     auto subscribed = line_client::tcp(s.srv.tcp_port());
@@ -250,7 +215,6 @@ TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
     EXPECT_TRUE(silent.closed_by_peer());
     EXPECT_TRUE(answers(talking));
     EXPECT_TRUE(answers(subscribed));
-    EXPECT_EQ(s.srv.connection_count(), 2u);
 }
 
 }  // namespace

@@ -8,8 +8,9 @@
 #include "server_test_support.hpp"
 #include "write_batch.hpp"
 
-// set_many and confirmed commits through the server: all updates or none, refusals before
-// anything runs, and the program's commit service behind confirm_timeout and confirm.
+// set_many and confirmed commits through the server: refusals before anything runs, and the
+// program's commit service behind confirm_timeout and confirm. That a batch is all or nothing is
+// the batch write tests' (tests/unit/batch_write_test.cpp).
 
 namespace server_test {
 
@@ -62,12 +63,12 @@ namespace {
 class server_writes : public server_fixture {
   protected:
     void before_start() override {
-        api_->set_commit_service(commits);
+        s.srv.set_commit_service(commits);
         for (const char* name : {"a", "b"})
-            dh::api::config_param<&unit::set_text>::create(api_->db, fmt::format("config/{}", name),
+            dh::api::config_param<&unit::set_text>::create(s.db, fmt::format("config/{}", name),
                                                            owner, {}, name)
                 ->allow_in_batches();
-        dh::api::config_param<&unit::set_number>::create(api_->db, "config/n", owner, {})
+        dh::api::config_param<&unit::set_number>::create(s.db, "config/n", owner, {})
             ->allow_in_batches();
     }
 
@@ -79,31 +80,6 @@ class server_writes : public server_fixture {
     std::shared_ptr<unit> owner = std::make_shared<unit>();
     std::shared_ptr<fake_commits> commits = std::make_shared<fake_commits>();
 };
-
-TEST_F(server_writes, SetManyWritesAllOrNothing) {
-    auto c = connect();
-    EXPECT_EQ(to_json_text(call(c, req("1", "subscribe", R"({"path":"config/a"})"))["result"]),
-              "null");
-    EXPECT_TRUE(c.send_line(req("2", "set_many",
-                                R"({"updates":[{"path":"config/a","value":"x"},)"
-                                R"({"path":"/config/b/","value":"y"}]})")));
-    auto first = c.read_json();
-    auto second = c.read_json();
-    if (first.HasMember("id")) std::swap(first, second);
-    EXPECT_EQ(to_json_text(second), R"({"jsonrpc":"2.0","id":2,"result":null})");
-    EXPECT_EQ(std::string(first["params"]["value"].GetString()), "x");
-    EXPECT_EQ(effects(), (std::vector<std::string>{"a=x", "b=y"}));
-
-    auto r = call(c, req("3", "set_many",
-                         R"({"updates":[{"path":"config/a","value":"z"},)"
-                         R"({"path":"config/b","value":"bad"}]})"));
-    EXPECT_EQ(to_json_text(r["error"]),
-              R"({"code":-22,"message":"Refused: bad","data":{"index":1,"path":"config/b"}})");
-    EXPECT_EQ(effects().size(), 2u);
-    // No event for the update that was not kept: the next line is the answer to the get.
-    EXPECT_EQ(to_json_text(call(c, req("4", "get", R"({"path":"config/a"})"))),
-              R"({"jsonrpc":"2.0","id":4,"result":"x"})");
-}
 
 TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
     // The server holds the program's commit service weakly; without it there are no confirmed
@@ -129,34 +105,35 @@ TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
          R"({"code":-95,"message":"Operation not supported"})"},
     };
     for (const auto& [params, error] : refused)
-        EXPECT_EQ(to_json_text(call(c, req("1", "set_many", params))["error"]), error) << params;
-    EXPECT_EQ(to_json_text(call(c, req("2", "confirm", R"({"token":"t1"})"))["error"]),
+        EXPECT_EQ(result(c, "set_many", params), error) << params;
+    EXPECT_EQ(result(c, "confirm", R"({"token":"t1"})"),
               R"({"code":-95,"message":"Operation not supported"})");
     EXPECT_TRUE(effects().empty());
-    EXPECT_EQ(to_json_text(call(c, req("3", "get", R"({"path":"config/a"})"))["result"]), "null");
+    EXPECT_EQ(result(c, "get", R"({"path":"config/a"})"), "null");
 }
 
 TEST_F(server_writes, ConfirmedCommitsGoThroughTheProgramsService) {
     auto c = connect();
-    EXPECT_EQ(to_json_text(call(
-                  c, req("1", "set", R"({"path":"config/a","value":"x","confirm_timeout":30})"))),
-              R"({"jsonrpc":"2.0","id":1,"result":{"token":"t1"}})");
+    EXPECT_EQ(result(c, "set", R"({"path":"config/a","value":"x","confirm_timeout":30})"),
+              R"({"token":"t1"})");
     EXPECT_EQ(commits->committed, "config/a 30");
     EXPECT_EQ(effects(), std::vector<std::string>{"a=x"});
 
     // Every other write waits for the confirmation.
-    const std::string writes[] = {
-        req("2", "set", R"({"path":"config/a","value":"y"})"),
-        req("2", "set_many", R"({"updates":[{"path":"config/b","value":"y"}]})"),
-        req("2", "run", R"({"path":"command/echo"})")};
-    for (const auto& w : writes)
-        EXPECT_EQ(to_json_text(call(c, w)["error"]), R"({"code":-16,"message":"Pending"})") << w;
-    EXPECT_EQ(to_json_text(call(c, req("3", "confirm", R"({"token":"t2"})"))["error"]),
+    const std::pair<const char*, const char*> writes[] = {
+        {"set", R"({"path":"config/a","value":"y"})"},
+        {"set_many", R"({"updates":[{"path":"config/b","value":"y"}]})"},
+        {"run", R"({"path":"command/echo"})"}};
+    for (const auto& [method, params] : writes)
+        EXPECT_EQ(result(c, method, params), R"({"code":-16,"message":"Pending"})") << method;
+    EXPECT_EQ(result(c, "confirm", R"({"token":"t2"})"),
               R"({"code":-22,"message":"Unknown commit token"})");
-    EXPECT_EQ(to_json_text(call(c, req("4", "confirm", R"({"token":"t1"})"))),
-              R"({"jsonrpc":"2.0","id":4,"result":null})");
-    EXPECT_EQ(to_json_text(call(c, req("5", "set", R"({"path":"config/a","value":"y"})"))),
-              R"({"jsonrpc":"2.0","id":5,"result":null})");
+    EXPECT_EQ(result(c, "confirm", R"({"token":"t1"})"), "null");
+    EXPECT_EQ(
+        result(c, "set_many",
+               R"({"updates":[{"path":"config/a","value":"y"},{"path":"config/b","value":"z"}]})"),
+        "null");
+    EXPECT_EQ(effects(), (std::vector<std::string>{"a=x", "a=y", "b=z"}));
 }
 
 }  // namespace
