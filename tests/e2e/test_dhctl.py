@@ -39,6 +39,7 @@ class DhctlTest(unittest.TestCase):
 
         wait_until(lambda: rx_power() == -3.98, timeout=6)
         self.assertEqual(self.dhctl("get", "data/e13/sfp/rxPower"), "-3.98 dBm\n")
+        self.assertEqual(self.dhctl("--json", "get", "data/e13/sfp/rxPower"), "-3.98\n")
 
         version = self.dhctl("--version")
         self.assertRegex(version, r"^dhctl \d+\.\d+\.\d+\n$")
