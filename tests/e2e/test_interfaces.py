@@ -15,11 +15,6 @@ def ospf(doc):
     return next(p for p in protocols if p["type"] == "infix-routing:ospfv2")["ietf-ospf:ospf"]
 
 
-def imports(dev, since):
-    entries = [e["argv"] for e in dev.commands(since, program="sysrepocfg") if "--import" in e["argv"]]
-    return [argv[argv.index("-d") + 1] for argv in entries]
-
-
 class InterfacesTest(unittest.TestCase):
     def test_addresses_firewall_and_ospf(self):
         dev = dhtest.Device(self)
@@ -34,7 +29,7 @@ class InterfacesTest(unittest.TestCase):
         # rules and the OSPF router id, with one import of each datastore.
         mark = dev.mark()
         dev.set("config/e28/ipv4Settings", address)
-        self.assertEqual(imports(dev, mark), ["running", "startup"])
+        self.assertEqual(dhtest.datastore_runs(dev, mark), (1, 2))
         host = {"forwarding": True, "address": [{"ip": "198.51.100.7", "prefix-length": 32}]}
         for name in ("running", "startup"):
             doc = dev.datastore(name)
