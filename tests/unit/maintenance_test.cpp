@@ -45,15 +45,6 @@ class Maintenance : public testing::Test {
     }
 };
 
-TEST(MaintenanceScript, StoreHashTagAndMigrateArgv) {
-    unsetenv("REDIS_CONF_HASH_TAG");
-    EXPECT_EQ(maintenance::store_hash_tag(), "{conf}");
-    EXPECT_EQ(host::command_text(maintenance::migrate_argv("{h}"), {}),
-              "redis-cli -p 50001 migrate localhost 50003 '' 0 120 COPY REPLACE KEYS "
-              "'{h}:dh/sysrepo:config/e28/ipv4Settings' '{h}:dh/sysrepo:config/dnsSettings' "
-              "'{h}:dh/network:config/dnsSettings'");
-}
-
 TEST_F(Maintenance, FactoryDefaultLevelsAnswerFirstAndWipeLater) {
     healthy_store();
     fake->on("--export", fake_executor::reply{0, R"({"f:f":1})"});
@@ -176,9 +167,9 @@ TEST_F(Maintenance, TechlogRefusesBadDocumentsBeforeRunning) {
     EXPECT_TRUE(fake->calls().empty());
 }
 
-TEST_F(Maintenance, ScriptOutcomesAndErrorFile) {
-    std::string error_file;
-    int outcome = 0;  // 0 success, 1 failure, 2 failure with an error file
+// A script that writes its error file is run in the simulated device.
+TEST_F(Maintenance, ScriptOutcomes) {
+    bool fails = false;
     fake->on("techlog.sh", [&](const fake_executor::call& c) {
         EXPECT_EQ(c.argv, (host::argv_t{"/bin/bash.bash", "/usr/bin/techlog.sh", "/tmp/techlog",
                                         "sftp://h/x?y=1", "e1"}));
@@ -186,20 +177,15 @@ TEST_F(Maintenance, ScriptOutcomesAndErrorFile) {
         EXPECT_THAT(c.opts.env,
                     ::testing::ElementsAre(::testing::MatchesRegex(
                         "ERR_MSG_FILE=/tmp/[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}-[0-9a-f]{4}")));
-        error_file = c.opts.env[0].substr(std::string("ERR_MSG_FILE=").size());
-        if (outcome == 2) root.write(error_file, "first line\nsecond line\n");
-        return fake_executor::reply{outcome == 0 ? 0 : 256, ""};
+        return fake_executor::reply{fails ? 256 : 0, ""};
     });
     const auto run = [&] {
         return unit.techlog_generate(parse(R"({"url":"sftp://h/x?y=1","interface":"e1"})"));
     };
     EXPECT_FALSE(run());
     EXPECT_TRUE(std::filesystem::is_directory(root.path() / "var/persistent/log"));
-    outcome = 1;
+    fails = true;
     EXPECT_EQ(error_of(run), "-14 Failed to execute the upgrade script!");
-    outcome = 2;
-    EXPECT_EQ(error_of(run), "-14 Failed to execute the upgrade script: first line\nsecond line\n");
-    EXPECT_EQ(root.read(error_file), "absent");
 }
 
 }  // namespace
