@@ -35,13 +35,11 @@ TEST_F(Door, EveryFailureFollowsOneRule) {
               "-1 Failed to call: no-such-tool-here 'x y'");
 
     const auto slept = std::chrono::steady_clock::now();
-    const auto r = door.run({"sleep", "5"}, host::options{}.limited_to(100ms));
-    EXPECT_TRUE(r.timed_out);
-    EXPECT_LT(std::chrono::steady_clock::now() - slept, 2s);
     EXPECT_EQ(error_of([&] {
                   door.call({"sleep", "5"}, host::options{}.limited_to(50ms));
               }),
               "-1 Failed to call: sleep 5");
+    EXPECT_LT(std::chrono::steady_clock::now() - slept, 2s);
 
     // Datastore imports answer the raw wait status, as their callers always have.
     EXPECT_EQ(error_of([&] {
