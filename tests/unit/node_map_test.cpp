@@ -23,11 +23,7 @@ class NodeMap : public handler_test {
 TEST_F(NodeMap, RegistersEveryLeafOnceAndExportsThreeTimes) {
     EXPECT_EQ(db.list("").size(), 524u);
     EXPECT_EQ(read_node(db, "data/configStatus"), "true");
-    // The count catches a missing leaf; these pin a few paths of each kind of name.
-    for (const char* path :
-         {"config/e1.8/adminStatus", "config/ospf/e28/areaId", "cli/show_ospf_routes",
-          "data/any/lldp/neighbours", "data/e13/sfp/rxPower"})
-        EXPECT_NE(db.find_leaf_node(path), nullptr) << path;
+    // The count catches a missing leaf; the other tests read leaves of each kind of name.
     for (const char* path : {"config/ospf/e1/areaId", "config/mgmt/adminStatus", "config/e13/mode",
                              "config/ospf/e13.21/adminStatus", "data/e1.8/adminStatus"})
         EXPECT_EQ(db.find_leaf_node(path), nullptr) << path;
