@@ -239,7 +239,7 @@ TEST_F(MgmtFirewall, RefillsTheSetAndSavesItsListing) {
 // data/operational.json holds interfaces in the forms the operational datastore gives them:
 // full state, state from "enabled" only, an unusual oper-status, an unreadable speed, and bridge
 // membership by either leaf or by a higher-layer interface.
-TEST(OperState, StatusTextsFromInterfaceEntries) {
+TEST(OperState, StatusTextsFromInterfaceEntriesAndSpeeds) {
     const Document oper = parse(data_file("operational.json"));
     const std::pair<const char*, const char*> rows[] = {
         {"e1", "up up 1000BaseT none"},
@@ -263,9 +263,7 @@ TEST(OperState, StatusTextsFromInterfaceEntries) {
         EXPECT_EQ(find_oper_interface(parse(json), "e1"), nullptr) << json;
         EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(parse(json), "e1"), "") << json;
     }
-}
 
-TEST(OperState, LinkMediaTypeFromSpeed) {
     const std::pair<const char*, const char*> cases[] = {
         {R"("1.0")", "1000BaseT"}, {"1", "1000BaseT"},    {R"("0.1")", "100BaseT"},
         {R"("0.01")", "10BaseT"},  {R"("10.0")", "10G"},  {R"("2.5")", "2.5G"},
