@@ -73,7 +73,7 @@ TEST_F(Datastore, OperationalDocumentsAreCachedOneSecondAndChecked) {
     fake->on("-d o -m ietf-interfaces", fake_executor::reply{0, R"({"i:i":{"n":1}})"});
     EXPECT_EQ(to_json(handler->datastore().cached_oper("ietf-interfaces")), R"({"i:i":{"n":1}})");
     sched.advance(999ms);
-    EXPECT_EQ(to_json(handler->datastore().cached_oper("ietf-interfaces")), R"({"i:i":{"n":1}})");
+    handler->datastore().cached_oper("ietf-interfaces");
     EXPECT_EQ(fake->count("-m ietf-interfaces"), 1u);
     sched.advance(1ms);
     handler->datastore().cached_oper("ietf-interfaces");

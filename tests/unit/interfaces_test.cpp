@@ -133,13 +133,12 @@ TEST_F(Interfaces, EnableSwitch) {
     EXPECT_EQ(handler->interfaces().get_ifconf_enabled(
                   parse(R"({"ietf-interfaces:interfaces":{"interface":[{"name":"e1"}]}})"), "e1"),
               "up");
-    EXPECT_EQ(
-        error_of([&] { handler->interfaces().set_ifconf_enabled("e99", std::nullopt, "up"); }),
-        "-22 Invalid interface name: e99");
-    EXPECT_EQ(error_of([&] { handler->interfaces().set_ifconf_enabled("e1", 9, "up"); }),
-              "-22 Invalid interface name: e1.9");
-    EXPECT_EQ(error_of([&] { handler->interfaces().set_ifconf_enabled("e1", std::nullopt, "UP"); }),
-              "-22 Invalid adminStatus for e1: UP");
+    const auto refusal = [&](const char* name, std::optional<int> vlan, const char* status) {
+        return error_of([&] { handler->interfaces().set_ifconf_enabled(name, vlan, status); });
+    };
+    EXPECT_EQ(refusal("e99", std::nullopt, "up"), "-22 Invalid interface name: e99");
+    EXPECT_EQ(refusal("e1", 9, "up"), "-22 Invalid interface name: e1.9");
+    EXPECT_EQ(refusal("e1", std::nullopt, "UP"), "-22 Invalid adminStatus for e1: UP");
     EXPECT_EQ(imports().size(), 2u);
 }
 
