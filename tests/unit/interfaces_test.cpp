@@ -133,13 +133,12 @@ TEST_F(Interfaces, EnableSwitch) {
     EXPECT_EQ(handler->interfaces().get_ifconf_enabled(
                   parse(R"({"ietf-interfaces:interfaces":{"interface":[{"name":"e1"}]}})"), "e1"),
               "up");
-    EXPECT_EQ(
-        error_of([&] { handler->interfaces().set_ifconf_enabled("e99", std::nullopt, "up"); }),
-        "-22 Invalid interface name: e99");
-    EXPECT_EQ(error_of([&] { handler->interfaces().set_ifconf_enabled("e1", 9, "up"); }),
-              "-22 Invalid interface name: e1.9");
-    EXPECT_EQ(error_of([&] { handler->interfaces().set_ifconf_enabled("e1", std::nullopt, "UP"); }),
-              "-22 Invalid adminStatus for e1: UP");
+    const auto refusal = [&](const char* name, std::optional<int> vlan, const char* status) {
+        return error_of([&] { handler->interfaces().set_ifconf_enabled(name, vlan, status); });
+    };
+    EXPECT_EQ(refusal("e99", std::nullopt, "up"), "-22 Invalid interface name: e99");
+    EXPECT_EQ(refusal("e1", 9, "up"), "-22 Invalid interface name: e1.9");
+    EXPECT_EQ(refusal("e1", std::nullopt, "UP"), "-22 Invalid adminStatus for e1: UP");
     EXPECT_EQ(imports().size(), 2u);
 }
 
@@ -185,18 +184,11 @@ using Gateway = handler_test;
 TEST_F(Gateway, WrittenWithTheManagementSettingsAndReadFromRunning) {
     const std::string entries =
         "/ietf-routing:routing/control-plane-protocols/control-plane-protocol";
-    const auto static_entry = [&](const std::string& routes) {
-        return R"({"type":"infix-routing:static","name":"default","static-routes":{)"
-               R"("ietf-ipv4-unicast-routing:ipv4":{"route":[)" +
-               routes + "]}}}";
-    };
-    const auto first_route = [](const std::string& hop) {
-        return R"({"destination-prefix":"0.0.0.0/0","next-hop":{"next-hop-address":")" + hop +
-               R"("}})";
-    };
+    const std::string routes = "/static-routes/ietf-ipv4-unicast-routing:ipv4/route";
+    // The static entry of data/running.json (one route, via 192.0.2.1) alone, and a second route.
     const std::string other = R"({"destination-prefix":"10.0.0.0/8"})";
-    running_is(
-        running_doc({{entries, "[" + static_entry(first_route("192.0.2.1") + "," + other) + "]"}}));
+    running_is(running_doc({{entries, "[" + json_at(running_doc(), entries + "/1") + "]"},
+                            {entries + "/0" + routes + "/1", other}}));
     EXPECT_EQ(handler->interfaces().get_gateway(), "192.0.2.1");
     const auto set_gateway = [&](const std::string& gateway) {
         handler->interfaces().set_ifconf(
@@ -207,13 +199,14 @@ TEST_F(Gateway, WrittenWithTheManagementSettingsAndReadFromRunning) {
     };
     // Only the first route's next hop changes; further routes stay.
     EXPECT_EQ(set_gateway("192.0.2.254"), "192.0.2.254");
-    EXPECT_EQ(json_at(last_import(), entries),
-              "[" + static_entry(first_route("192.0.2.254") + "," + other) + "]");
+    EXPECT_EQ(json_at(last_import(), entries + "/0" + routes + "/1"), other);
     // An empty gateway removes the static entry; a new one is then created.
     EXPECT_EQ(set_gateway(""), "0.0.0.0");
     EXPECT_EQ(json_at(last_import(), entries), "[]");
     EXPECT_EQ(set_gateway("10.0.0.254"), "10.0.0.254");
-    EXPECT_EQ(json_at(last_import(), entries), "[" + static_entry(first_route("10.0.0.254")) + "]");
+    const std::string hop = entries + "/1" + routes + "/0/next-hop/next-hop-address";
+    EXPECT_EQ(json_at(last_import(), entries + "/0"),
+              json_at(running_doc({{hop, R"("10.0.0.254")"}}), entries + "/1"));
 }
 
 using MgmtFirewall = handler_test;
@@ -221,18 +214,9 @@ using MgmtFirewall = handler_test;
 const std::string nft = ns + "/usr/sbin/nft -f -";
 const std::string rule_dir = "/var/persistent/etc/nftables/";
 
+// A refill with an address, and the saved listing, are tested in the simulated device.
 TEST_F(MgmtFirewall, RefillsTheSetAndSavesItsListing) {
-    fake->on("list set inet filter mgmt_ip_addresses",
-             fake_executor::reply{0, "table inet filter { set mgmt_ip_addresses { } }\n"});
-    handler->interfaces().update_mgmt_nft("10.0.0.5", mgmt_ports::mgmt);
-    EXPECT_EQ(fake->inputs(nft), (texts{"flush set inet filter mgmt_ip_addresses;add element "
-                                        "inet filter mgmt_ip_addresses {10.0.0.5} \n",
-                                        "list set inet filter mgmt_ip_addresses;\n"}));
-    EXPECT_EQ(root.read(rule_dir + "ruleset-mgmt-ip.nft"),
-              "table inet filter { set mgmt_ip_addresses { } }\n");
-
     // An empty text only flushes; an empty listing leaves the file alone.
-    fake->clear();
     handler->interfaces().update_mgmt_nft("", mgmt_ports::e27);
     EXPECT_EQ(fake->inputs(nft).front(), "flush set inet filter e27_ip_addresses;\n");
     EXPECT_EQ(root.read(rule_dir + "ruleset-e27-ip.nft"), "absent");
@@ -254,7 +238,7 @@ TEST_F(MgmtFirewall, RefillsTheSetAndSavesItsListing) {
 // data/operational.json holds interfaces in the forms the operational datastore gives them:
 // full state, state from "enabled" only, an unusual oper-status, an unreadable speed, and bridge
 // membership by either leaf or by a higher-layer interface.
-TEST(OperState, StatusTextsFromInterfaceEntries) {
+TEST(OperState, StatusTextsFromInterfaceEntriesAndSpeeds) {
     const Document oper = parse(data_file("operational.json"));
     const std::pair<const char*, const char*> rows[] = {
         {"e1", "up up 1000BaseT none"},
@@ -278,9 +262,7 @@ TEST(OperState, StatusTextsFromInterfaceEntries) {
         EXPECT_EQ(find_oper_interface(parse(json), "e1"), nullptr) << json;
         EXPECT_EQ(interfaces_unit::get_ifconf_oper_macaddr(parse(json), "e1"), "") << json;
     }
-}
 
-TEST(OperState, LinkMediaTypeFromSpeed) {
     const std::pair<const char*, const char*> cases[] = {
         {R"("1.0")", "1000BaseT"}, {"1", "1000BaseT"},    {R"("0.1")", "100BaseT"},
         {R"("0.01")", "10BaseT"},  {R"("10.0")", "10G"},  {R"("2.5")", "2.5G"},

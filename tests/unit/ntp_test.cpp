@@ -79,22 +79,19 @@ TEST_F(Ntp, StatusReadsChronySelectionOnlyWhileEnabled) {
 }
 
 TEST_F(Ntp, ServerEntriesAreCreatedReplacedAndRemovedByRole) {
-    const char* secondary_only =
-        R"([{"name":"secondary","udp":{"address":"10.0.0.2","port":123},"iburst":false}])";
+    const char* secondary_only = R"([{"name":"secondary","udp":{"address":"10.0.0.2","port":9}}])";
     EXPECT_EQ(set_server(secondary_only, true, "10.0.0.1"),
-              R"({"enabled":true,"server":[)"
-              R"({"name":"secondary","udp":{"address":"10.0.0.2","port":123},"iburst":false},)"
-              R"({"udp":{"address":"10.0.0.1"},"name":"primary","association-type":"server",)"
-              R"("iburst":true,"prefer":true}]})");
-    // Running first, then startup, then the daemon restarts.
-    EXPECT_EQ(imports("startup"), imports("running"));
+              R"({"enabled":true,"server":[{"name":"secondary","udp":{"address":"10.0.0.2",)"
+              R"("port":9}},{"udp":{"address":"10.0.0.1"},"name":"primary",)"
+              R"("association-type":"server","iburst":true,"prefer":true}]})");
+    // The daemon restarts without being waited for.
     const auto calls = fake->calls();
     EXPECT_EQ(calls.back().cmd, "/etc/init.d/ntpd restart");
     EXPECT_TRUE(calls.back().opts.detach);
 
     EXPECT_EQ(set_server(secondary_only, false, "10.0.0.3"),
               R"({"enabled":true,"server":[{"name":"secondary","udp":{"address":"10.0.0.3",)"
-              R"("port":123},"iburst":false}]})");
+              R"("port":9}}]})");
     EXPECT_EQ(
         set_server(R"([{"name":"primary","udp":{"address":"a"}},{"name":"secondary"}])", true, ""),
         R"({"enabled":true,"server":[{"name":"secondary"}]})");

@@ -23,6 +23,9 @@ class Ospf : public handler_test {
         handler->ospf().set_ospf_if_adminStatus("e12", "up");
         keep_last_import();
     }
+    void set_area(const char* name, std::string id) {
+        handler->ospf().set_ospf_interface_area_id(name, id);
+    }
     bool has(const std::string& area, const std::string& name, const std::string& text) {
         return ospf_iface(last_import(), area, name).find(text) != std::string::npos;
     }
@@ -86,9 +89,8 @@ TEST_F(Ospf, ReplacesTheOldEntryWhereItStands) {
 
 TEST_F(Ospf, UplinkAreasAndSummary) {
     generate();
-    std::string e27 = "0.0.0.2", e28 = "0.0.0.2";
-    handler->ospf().set_ospf_interface_area_id("e27", e27);
-    handler->ospf().set_ospf_interface_area_id("e28", e28);
+    set_area("e27", "0.0.0.2");
+    set_area("e28", "0.0.0.2");
     // The uplinks share one extra area carrying the e28 id, in a second "area" member.
     EXPECT_NE(imports().back().find(R"(],"area":[{"area-id":"0.0.0.2","area-type":"nssa-area",)"
                                     R"("interfaces":{"interface":[{"name":"e27")"),
@@ -97,10 +99,8 @@ TEST_F(Ospf, UplinkAreasAndSummary) {
 
     // One uplink in the instance area, the other in an area of its own; enabling e28 turns the
     // instance area's summary off.
-    e27 = "0.0.0.1";
-    e28 = "0.0.0.3";
-    handler->ospf().set_ospf_interface_area_id("e27", e27);
-    handler->ospf().set_ospf_interface_area_id("e28", e28);
+    set_area("e27", "0.0.0.1");
+    set_area("e28", "0.0.0.3");
     handler->ospf().set_ospf_if_adminStatus("e28", "up");
     EXPECT_TRUE(has("0.0.0.1", "e27", "e27"));
     EXPECT_EQ(ospf_iface(last_import(), "0.0.0.3", "e28"),
@@ -110,11 +110,9 @@ TEST_F(Ospf, UplinkAreasAndSummary) {
               "false");
 
     // An empty id takes the uplink out of OSPF; the id is never read back.
-    e27.clear();
-    handler->ospf().set_ospf_interface_area_id("e27", e27);
+    set_area("e27", "");
     EXPECT_EQ(ospf_iface(last_import(), "0.0.0.1", "e27"), "absent");
-    std::string bad = "x";
-    EXPECT_EQ(error_of([&] { handler->ospf().set_ospf_interface_area_id("e27", bad); }),
+    EXPECT_EQ(error_of([&] { set_area("e27", "x"); }),
               R"(-22 OSPF area ID for intreface must be an IP address: "x".)");
 }
 
@@ -142,8 +140,7 @@ TEST_F(Ospf, MetricWritesTheCompanionAndRemovesTheDefaultCost) {
               "-22 Unable to set metric: interface e27 not found.");
     EXPECT_EQ(error_of([&] { handler->ospf().get_ospf_interface_metric(last_import(), "e27"); }),
               "-22 Unable to get metric: interface e27 not found.");
-    std::string area = "0.0.0.7";
-    handler->ospf().set_ospf_interface_area_id("e27", area);
+    set_area("e27", "0.0.0.7");
     keep_last_import();
     handler->ospf().set_ospf_interface_metric("e27", 10);
     EXPECT_TRUE(has("0.0.0.7", "e27", R"("cost":10)"));

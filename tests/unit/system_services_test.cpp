@@ -44,11 +44,9 @@ TEST_F(SystemServices, DateAndTimeGoThroughTheShell) {
 
     fake->clear();
     EXPECT_TRUE(handler->system().set_date_time("2024-05-01 12:00:00"));
-    const auto calls = fake->calls();
-    ASSERT_EQ(calls.size(), 2u);
-    EXPECT_EQ(calls[0].cmd, ns + "/usr/bin/klish -c 'set datetime 2024-05-01T12:00:00Z'");
-    EXPECT_EQ(calls[1].cmd, "/etc/init.d/ntpd restart");
-    EXPECT_TRUE(calls[1].opts.detach);
+    EXPECT_EQ(fake->commands(), (texts{ns + "/usr/bin/klish -c 'set datetime 2024-05-01T12:00:00Z'",
+                                       "/etc/init.d/ntpd restart"}));
+    EXPECT_TRUE(fake->calls().back().opts.detach);
 
     fake->clear();
     for (const std::string when : {"2024-05-01", "x'; touch /tmp/canary; 'xxxxxxxx"})
@@ -64,12 +62,8 @@ TEST_F(SystemServices, DateAndTimeGoThroughTheShell) {
 }
 
 TEST_F(SystemServices, AutomationModeFollowsTheControllerType) {
-    const std::pair<const char*, const char*> cases[] = {{"ILA", "managedILA"},
-                                                         {"managedIla", "managedILA"},
-                                                         {"managedCLI", "managedCLI"},
-                                                         {"MANAGEDCLI", "managedCLI"},
-                                                         {"managedNetconf", "managedNetconf"},
-                                                         {"other", "managedNetconf"}};
+    const std::pair<const char*, const char*> cases[] = {
+        {"managedIla", "managedILA"}, {"MANAGEDCLI", "managedCLI"}, {"other", "managedNetconf"}};
     for (auto [value, mode] : cases) {
         setenv("QMX_CONTROLLER_TYPE", value, 1);
         EXPECT_EQ(handler->system().get_automation_mode(), mode) << value;
