@@ -12,8 +12,6 @@
 #include "raise.hpp"
 #include "rauc_status.hpp"
 
-namespace {}  // namespace
-
 std::map<std::string, std::string> parse_rauc_status(const std::string& text) {
     std::map<std::string, std::string> out;
     std::istringstream in(text);
