@@ -10,7 +10,7 @@ packages=(
     rapidjson-dev libfmt-dev libgtest-dev libgmock-dev libssl-dev openssl clang libclang-rt-14-dev
     redis-server redis-tools nftables iproute2 util-linux procps psmisc python3 clang-format
     help2man dpkg-dev file lintian debootstrap
-    prometheus-cpp-dev prometheus
+    prometheus-cpp-dev prometheus curl
 )
 
 missing=()

@@ -28,16 +28,6 @@ scrape_configs:
       - targets: ["%s"]
 """ % METRICS_ADDRESS
 
-# Runs inside the device: prints the body of an HTTP GET, or nothing when it fails.
-FETCH = """\
-import sys, urllib.request
-try:
-    print(urllib.request.urlopen(sys.argv[1], timeout=5).read().decode())
-except OSError:
-    pass
-"""
-
-
 class Prometheus:
     """A Prometheus server inside the device with its configuration and storage under DIR/sim;
     stopped (by its own process id) when the test ends, and in any case by `devhost down`."""
@@ -69,7 +59,7 @@ class Prometheus:
 
     def query(self, expression):
         """The instant vector of an expression as {labels: value}; {} while it has none."""
-        r = self.dev.exec("python3", "-c", FETCH, "http://%s/api/v1/query?query=%s" % (
+        r = self.dev.exec("curl", "-sf", "--max-time", "5", "http://%s/api/v1/query?query=%s" % (
             PROMETHEUS_ADDRESS, quote(expression, safe="")))
         if not r.stdout.strip():
             return {}
