@@ -16,8 +16,6 @@ using codec::method_id;
 using codec::request;
 using codec::rpc_error;
 
-namespace {
-
 [[noreturn]] void throw_invalid_params() {
     throw dh_error(codec::code_invalid_params, "Invalid params");
 }
@@ -50,20 +48,21 @@ const char* method_name(method_id m) {
     return "unknown";
 }
 
+void audit(const connection& c, method_id m, std::string_view path, const rpc_error* failure) {
+    MSG_LOG(6, "audit") << c.client().who() << ' ' << method_name(m) << ' ' << path << ": "
+                        << (failure ? "failed: " + failure->message : std::string("done"))
+                        << msg_log::getCodeTrace(__FILE__, __LINE__);
+}
+
 void count_request(method_id m, bool ok, std::chrono::steady_clock::time_point received) {
     const std::chrono::duration<double> took = std::chrono::steady_clock::now() - received;
     metrics::request(method_name(m), ok ? "ok" : "error", took.count());
 }
 
+namespace {
+
 bool changes_device(method_id m) {
     return m == method_id::set || m == method_id::run;
-}
-
-// One audit record for each set and run that was allowed, after it ended.
-void audit(const connection& c, method_id m, std::string_view path, const rpc_error* failure) {
-    MSG_LOG(6, "audit") << c.client().who() << ' ' << method_name(m) << ' ' << path << ": "
-                        << (failure ? "failed: " + failure->message : std::string("done"))
-                        << msg_log::getCodeTrace(__FILE__, __LINE__);
 }
 
 // Refuses a write while a commit awaits confirmation. A set holds the write gate shared while it
