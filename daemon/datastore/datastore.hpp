@@ -70,9 +70,11 @@ class datastore_service {
     void restore(const Document& running, const Document& startup);
 
     // A change on the host that follows a datastore write: run at once outside a batch, after the
-    // batch's imports inside one; `undo` reverses it if a later step of the batch fails.
-    static void after_commit(std::function<void()> effect, std::function<void()> undo = {}) {
-        dh::write_batch::after_commit(std::move(effect), std::move(undo));
+    // batch's imports inside one; `undo` reverses it if a later step of the batch fails. Effects
+    // with the same non-null `key` run once per batch.
+    static void after_commit(std::function<void()> effect, std::function<void()> undo = {},
+                             const void* key = nullptr) {
+        dh::write_batch::after_commit(std::move(effect), std::move(undo), key);
     }
 
     // Makes `next` a unit's model. The caller holds `guard`, the lock of `model`; inside a batch
