@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "dh_types.hpp"
 #include "door.hpp"
@@ -41,6 +42,10 @@ class datastore_service {
     // which every lookup finds nothing and the caller's own "not found" handling applies.
     Document export_running() const;
     Document export_startup() const;
+
+    // Running and startup as they are now (running, startup). Startup is exported only while it
+    // differs from running; otherwise it is a copy of running.
+    std::pair<Document, Document> export_configuration();
 
     // Export of `ds` with sysrepocfg selection arguments (-x XPATH, -m MODULE); dh_error 22
     // "Invalid json in response" when the output is not JSON.
@@ -104,8 +109,8 @@ class datastore_service {
     const host::door& door_;
     const dh::clock& time_;
 
-    // Guards every export-edit-import sequence and startup_diverged_. Taken only by edit(),
-    // edit_startup() and replace_startup(); no unit lock is taken while it is held.
+    // Guards every export-edit-import sequence and startup_diverged_; no unit lock is taken
+    // while it is held.
     std::mutex mutex_;
     bool startup_diverged_ = true;
 
