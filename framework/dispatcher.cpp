@@ -68,11 +68,11 @@ bool changes_device(method_id m) {
 // Refuses a write while a commit awaits confirmation. A set holds the write gate shared while it
 // runs, so that no batch interleaves with it; nodes that are not async change nothing on the
 // device, and the serving thread never waits for the gate.
-std::shared_lock<std::shared_mutex> enter_write(dh::commit_service* commits, dh_db_leaf_node& node,
-                                                bool hold) {
+std::shared_lock<std::shared_mutex> enter_write(const std::weak_ptr<dh::commit_service>& commits,
+                                                dh_db_leaf_node& node, bool hold) {
     if (!node.is_async()) return {};
     std::shared_lock gate(dh::write_batch::gate());
-    if (commits) commits->check_write_allowed();
+    if (const auto service = commits.lock()) service->check_write_allowed();
     if (!hold) gate.unlock();
     return gate;
 }
@@ -81,7 +81,8 @@ std::shared_lock<std::shared_mutex> enter_write(dh::commit_service* commits, dh_
 // subscription lock, already held where the serving thread took it.
 void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>& node,
              std::string_view path, const dh::Value* value, dh::Allocator& a, dh::Value& out,
-             std::unique_lock<std::mutex>& sub_lock, dh::commit_service* commits) {
+             std::unique_lock<std::mutex>& sub_lock,
+             const std::weak_ptr<dh::commit_service>& commits) {
     switch (m) {
         case method_id::get:
             node->get(path, a, out);
@@ -264,8 +265,7 @@ void dispatcher::node_operation(connection& c, const request& r, const reply_tar
     }
     dh::Value result;
     try {
-        perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock,
-                commits_.lock().get());
+        perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock, commits_);
     } catch (...) {
         if (changes_device(r.method)) {
             const auto e = codec::error_from_current_exception();
@@ -320,8 +320,7 @@ void dispatcher::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<a
     try {
         std::unique_lock<std::mutex> sub_lock;
         perform(*c, job->method, job->node, job->path,
-                value == args.MemberEnd() ? nullptr : &value->value, a, result, sub_lock,
-                commits_.lock().get());
+                value == args.MemberEnd() ? nullptr : &value->value, a, result, sub_lock, commits_);
     } catch (...) {
         error = codec::error_from_current_exception();
     }
