@@ -10,6 +10,7 @@
 #include <shared_mutex>
 #include <sstream>
 #include <stdexcept>
+#include <tuple>
 
 #include <fmt/format.h>
 
@@ -95,8 +96,7 @@ std::string confirmed_commits::commit_confirmed(
     pending p;
     p.token = new_token();
     p.timeout = timeout.count();
-    p.running = ds_.export_running();
-    p.startup = ds_.export_startup();
+    std::tie(p.running, p.startup) = ds_.export_configuration();
     if (!p.running.IsObject() || !p.startup.IsObject())
         dh::raise(-5, "The configuration to return to could not be read", channel);
     for (const auto& node : nodes) {

@@ -16,8 +16,6 @@ using codec::method_id;
 using codec::request;
 using codec::rpc_error;
 
-namespace {
-
 [[noreturn]] void throw_invalid_params() {
     throw dh_error(codec::code_invalid_params, "Invalid params");
 }
@@ -50,30 +48,31 @@ const char* method_name(method_id m) {
     return "unknown";
 }
 
-void count_request(method_id m, bool ok, std::chrono::steady_clock::time_point received) {
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - received;
-    metrics::request(method_name(m), ok ? "ok" : "error", took.count());
-}
-
-bool changes_device(method_id m) {
-    return m == method_id::set || m == method_id::run;
-}
-
-// One audit record for each set and run that was allowed, after it ended.
 void audit(const connection& c, method_id m, std::string_view path, const rpc_error* failure) {
     MSG_LOG(6, "audit") << c.client().who() << ' ' << method_name(m) << ' ' << path << ": "
                         << (failure ? "failed: " + failure->message : std::string("done"))
                         << msg_log::getCodeTrace(__FILE__, __LINE__);
 }
 
+void count_request(method_id m, bool ok, std::chrono::steady_clock::time_point received) {
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - received;
+    metrics::request(method_name(m), ok ? "ok" : "error", took.count());
+}
+
+namespace {
+
+bool changes_device(method_id m) {
+    return m == method_id::set || m == method_id::run;
+}
+
 // Refuses a write while a commit awaits confirmation. A set holds the write gate shared while it
 // runs, so that no batch interleaves with it; nodes that are not async change nothing on the
 // device, and the serving thread never waits for the gate.
-std::shared_lock<std::shared_mutex> enter_write(dh::commit_service* commits, dh_db_leaf_node& node,
-                                                bool hold) {
+std::shared_lock<std::shared_mutex> enter_write(const std::weak_ptr<dh::commit_service>& commits,
+                                                dh_db_leaf_node& node, bool hold) {
     if (!node.is_async()) return {};
     std::shared_lock gate(dh::write_batch::gate());
-    if (commits) commits->check_write_allowed();
+    if (const auto service = commits.lock()) service->check_write_allowed();
     if (!hold) gate.unlock();
     return gate;
 }
@@ -82,7 +81,8 @@ std::shared_lock<std::shared_mutex> enter_write(dh::commit_service* commits, dh_
 // subscription lock, already held where the serving thread took it.
 void perform(connection& c, method_id m, const std::shared_ptr<dh_db_leaf_node>& node,
              std::string_view path, const dh::Value* value, dh::Allocator& a, dh::Value& out,
-             std::unique_lock<std::mutex>& sub_lock, dh::commit_service* commits) {
+             std::unique_lock<std::mutex>& sub_lock,
+             const std::weak_ptr<dh::commit_service>& commits) {
     switch (m) {
         case method_id::get:
             node->get(path, a, out);
@@ -265,8 +265,7 @@ void dispatcher::node_operation(connection& c, const request& r, const reply_tar
     }
     dh::Value result;
     try {
-        perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock,
-                commits_.lock().get());
+        perform(c, r.method, node, path, value, parser_.pool(), result, sub_lock, commits_);
     } catch (...) {
         if (changes_device(r.method)) {
             const auto e = codec::error_from_current_exception();
@@ -321,8 +320,7 @@ void dispatcher::run_job(const std::shared_ptr<connection>& c, std::unique_ptr<a
     try {
         std::unique_lock<std::mutex> sub_lock;
         perform(*c, job->method, job->node, job->path,
-                value == args.MemberEnd() ? nullptr : &value->value, a, result, sub_lock,
-                commits_.lock().get());
+                value == args.MemberEnd() ? nullptr : &value->value, a, result, sub_lock, commits_);
     } catch (...) {
         error = codec::error_from_current_exception();
     }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -13,6 +14,17 @@
 #include "rpc_codec.hpp"
 
 namespace dh::server::detail {
+
+// Shared by the dispatcher's files.
+[[noreturn]] void throw_invalid_params();
+// The method's name in metrics and in the audit log.
+const char* method_name(codec::method_id m);
+// Counts a request that ended in the metrics, with its time since `received`.
+void count_request(codec::method_id m, bool ok, std::chrono::steady_clock::time_point received);
+// One audit record for each write that was allowed (set, run, set_many, confirm), after it
+// ended.
+void audit(const connection& c, codec::method_id m, std::string_view path,
+           const codec::rpc_error* failure);
 
 // From request lines to node operations: parses each line, checks the envelope and the params,
 // carries out immediate operations at once and hands those of slow nodes to the workers, and

@@ -7,7 +7,6 @@
 #include "dh_error.hpp"
 #include "dh_node.hpp"
 #include "dispatcher.hpp"
-#include "metrics.hpp"
 
 namespace dh::server::detail {
 
@@ -37,15 +36,6 @@ subscribe_options parse_subscribe_options(const dh::Value* params) {
         o.heartbeat = beat->GetUint();
     }
     return o;
-}
-
-const char* method_name(method_id m) {
-    return m == method_id::get ? "get" : m == method_id::subscribe ? "subscribe" : "unsubscribe";
-}
-
-void count(method_id m, bool ok, std::chrono::steady_clock::time_point received) {
-    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - received;
-    metrics::request(method_name(m), ok ? "ok" : "error", took.count());
 }
 
 dh::Value error_value(const rpc_error& e, dh::Allocator& a) {
@@ -288,7 +278,7 @@ bool dispatcher::leaf_set_operation(connection& c, const request& r, const reply
         reply(c, t, r, result);
         return true;
     }
-    count(r.method, true, received_);
+    count_request(r.method, true, received_);
     std::vector<std::shared_ptr<const std::string>> first;
     if (r.answer) {
         codec::write_result(sb_, writer_, r.id, result);
@@ -332,7 +322,7 @@ void dispatcher::run_leaf_set_job(const std::shared_ptr<connection>& c,
     } catch (...) {
         error = codec::error_from_current_exception();
     }
-    count(job->method, !error, job->received);
+    count_request(job->method, !error, job->received);
     std::string text;
     if (job->answer) {
         codec::string_buffer sb;

@@ -10,7 +10,6 @@
 
 #include "dh_error.hpp"
 #include "dispatcher.hpp"
-#include "msg_log.hpp"
 #include "write_batch.hpp"
 
 namespace dh::server::detail {
@@ -22,10 +21,6 @@ using codec::rpc_error;
 namespace {
 
 constexpr std::int64_t max_confirm_timeout = 3600;
-
-[[noreturn]] void invalid_params() {
-    throw dh_error(codec::code_invalid_params, "Invalid params");
-}
 
 // The failure of one update, with its place in the request.
 struct failed_update {
@@ -43,10 +38,6 @@ rpc_error error_of(const std::exception_ptr& cause) {
     } catch (...) {
         return codec::error_from_current_exception();
     }
-}
-
-const char* name_of(method_id m) {
-    return m == method_id::set_many ? "set_many" : m == method_id::confirm ? "confirm" : "set";
 }
 
 // The updates of a request, checked: every path names a leaf the caller may set and that can be
@@ -84,88 +75,92 @@ bool dispatcher::is_write_job(const async_job& job) {
 }
 
 bool dispatcher::write_operation(connection& c, const request& r, const reply_target& t) {
-    const dh::Value* timeout = codec::find_param(r.params, "confirm_timeout");
     if (r.method != method_id::set_many && r.method != method_id::confirm &&
-        !(r.method == method_id::set && timeout))
+        r.method != method_id::set)
         return false;
+    const dh::Value* timeout = codec::find_param(r.params, "confirm_timeout");
+    if (r.method == method_id::set && !timeout) return false;
 
-    auto job = std::make_unique<async_job>();
-    auto& args = job->args;
-    auto& a = args.GetAllocator();
     if (r.method == method_id::confirm) {
         check_permission(c, r.method, {});
         const dh::Value* token = codec::find_param(r.params, "token");
-        if (!token || !token->IsString()) invalid_params();
-        args.AddMember("token", dh::Value(*token, a), a);
-    } else {
-        if (timeout) {
-            if (!timeout->IsInt64() || timeout->GetInt64() < 1 ||
-                timeout->GetInt64() > max_confirm_timeout)
-                invalid_params();
-            if (commits_.expired()) throw dh_error(-95, "Operation not supported");
-        }
-        // A set with confirm_timeout is a batch of one update.
-        dh::Value list(rapidjson::kArrayType);
-        if (r.method == method_id::set) {
-            const dh::Value* path = codec::find_param(r.params, "path");
-            const dh::Value* value = codec::find_param(r.params, "value");
-            if (!path || !path->IsString() || !value) invalid_params();
-            dh::Value one(rapidjson::kObjectType);
-            one.AddMember("path", dh::Value(*path, a), a);
-            one.AddMember("value", dh::Value(*value, a), a);
-            list.PushBack(one, a);
-        } else {
-            check_permission(c, r.method, {});
-            const dh::Value* updates = codec::find_param(r.params, "updates");
-            if (!updates || !updates->IsArray() || updates->Empty()) invalid_params();
-            for (const auto& u : updates->GetArray()) {
-                if (!u.IsObject()) invalid_params();
-                const auto path = u.FindMember("path");
-                const auto value = u.FindMember("value");
-                if (path == u.MemberEnd() || !path->value.IsString() || value == u.MemberEnd())
-                    invalid_params();
-                dh::Value one(rapidjson::kObjectType);
-                one.AddMember("path", dh::Value(path->value, a), a);
-                one.AddMember("value", dh::Value(value->value, a), a);
-                list.PushBack(one, a);
-            }
-        }
-        try {
-            std::unordered_set<std::string_view> seen;
-            for (rapidjson::SizeType i = 0; i < list.Size(); ++i) {
-                const std::string_view given = codec::as_view(list[i]["path"]);
-                const std::string_view path = codec::trim_slashes(given);
-                try {
-                    check_permission(c, method_id::set, path);
-                } catch (...) {
-                    throw failed_update{i, std::current_exception()};
-                }
-                auto node = db_.find_leaf_node(path);
-                if (!node)
-                    fail_update(i, codec::code_no_such_node, "No such node: " + std::string(given));
-                if (!seen.insert(path).second)
-                    fail_update(i, codec::code_invalid_params, "Invalid params");
-                if (!node->batchable())
-                    fail_update(i, -95,
-                                "Operation not supported in set_many or with confirm_timeout: " +
-                                    std::string(path));
-            }
-        } catch (const failed_update& f) {
-            rpc_error e = error_of(f.cause);
-            if (r.method == method_id::set_many)
-                e.update.emplace(f.index, codec::as_view(list[f.index]["path"]));
-            reply_error(c, t, r, e);
-            return true;
-        }
-        args.AddMember("updates", list, a);
-        if (timeout) args.AddMember("confirm_timeout", timeout->GetInt64(), a);
+        if (!token || !token->IsString()) throw_invalid_params();
+        auto job = new_job(r, t, {});
+        auto& a = job->args.GetAllocator();
+        job->args.AddMember("token", dh::Value(*token, a), a);
+        c.submit(std::move(job));
+        return true;
     }
-    job->method = r.method;
-    job->answer = r.answer;
-    job->received = received_;
-    if (r.id) args.AddMember("id", dh::Value(*r.id, a), a);
-    job->target = t;
-    if (t.batch) t.batch->pending.fetch_add(1, std::memory_order_relaxed);
+    if (timeout) {
+        if (!timeout->IsInt64() || timeout->GetInt64() < 1 ||
+            timeout->GetInt64() > max_confirm_timeout)
+            throw_invalid_params();
+        if (commits_.expired()) throw dh_error(-95, "Operation not supported");
+    }
+    // The updates as the request wrote them; a set with confirm_timeout is a batch of one.
+    struct requested {
+        std::string_view path;
+        const dh::Value* value;
+    };
+    std::vector<requested> list;
+    if (r.method == method_id::set) {
+        const dh::Value* path = codec::find_param(r.params, "path");
+        const dh::Value* value = codec::find_param(r.params, "value");
+        if (!path || !path->IsString() || !value) throw_invalid_params();
+        list.push_back({codec::as_view(*path), value});
+    } else {
+        check_permission(c, r.method, {});
+        const dh::Value* updates = codec::find_param(r.params, "updates");
+        if (!updates || !updates->IsArray() || updates->Empty()) throw_invalid_params();
+        for (const auto& u : updates->GetArray()) {
+            if (!u.IsObject()) throw_invalid_params();
+            const auto path = u.FindMember("path");
+            const auto value = u.FindMember("value");
+            if (path == u.MemberEnd() || !path->value.IsString() || value == u.MemberEnd())
+                throw_invalid_params();
+            list.push_back({codec::as_view(path->value), &value->value});
+        }
+    }
+    try {
+        std::unordered_set<std::string_view> seen;
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const std::string_view given = list[i].path;
+            const std::string_view path = codec::trim_slashes(given);
+            try {
+                check_permission(c, method_id::set, path);
+            } catch (...) {
+                throw failed_update{i, std::current_exception()};
+            }
+            auto node = db_.find_leaf_node(path);
+            if (!node)
+                fail_update(i, codec::code_no_such_node, "No such node: " + std::string(given));
+            if (!seen.insert(path).second)
+                fail_update(i, codec::code_invalid_params, "Invalid params");
+            if (!node->batchable())
+                fail_update(i, -95,
+                            "Operation not supported in set_many or with confirm_timeout: " +
+                                std::string(path));
+        }
+    } catch (const failed_update& f) {
+        rpc_error e = error_of(f.cause);
+        if (r.method == method_id::set_many) e.update.emplace(f.index, list[f.index].path);
+        reply_error(c, t, r, e);
+        return true;
+    }
+
+    auto job = new_job(r, t, {});
+    auto& a = job->args.GetAllocator();
+    dh::Value updates(rapidjson::kArrayType);
+    for (const auto& u : list) {
+        dh::Value one(rapidjson::kObjectType);
+        one.AddMember("path",
+                      dh::Value(u.path.data(), static_cast<rapidjson::SizeType>(u.path.size()), a),
+                      a);
+        one.AddMember("value", dh::Value(*u.value, a), a);
+        updates.PushBack(one, a);
+    }
+    job->args.AddMember("updates", updates, a);
+    if (timeout) job->args.AddMember("confirm_timeout", timeout->GetInt64(), a);
     c.submit(std::move(job));
     return true;
 }
@@ -216,10 +211,8 @@ void dispatcher::run_write_job(const std::shared_ptr<connection>& c,
     } catch (...) {
         error = codec::error_from_current_exception();
     }
-    MSG_LOG(6, "audit") << c->client().who() << ' ' << name_of(job->method) << ' '
-                        << (job->method == method_id::confirm ? std::string("-") : paths) << ": "
-                        << (error ? "failed: " + error->message : std::string("done"))
-                        << msg_log::getCodeTrace(__FILE__, __LINE__);
+    audit(*c, job->method, job->method == method_id::confirm ? "-" : paths,
+          error ? &*error : nullptr);
     finish_job(c, std::move(job), result, error);
 }
 

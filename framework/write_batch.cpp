@@ -1,5 +1,6 @@
 #include "write_batch.hpp"
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 
@@ -46,12 +47,17 @@ std::shared_mutex& write_batch::gate() {
     return gate;
 }
 
-void write_batch::after_commit(std::function<void()> effect, std::function<void()> undo) {
+void write_batch::after_commit(std::function<void()> effect, std::function<void()> undo,
+                               const void* key) {
     if (!open_batch) {
         effect();
         return;
     }
-    open_batch->effects_.push_back({open_batch->index_, std::move(effect), std::move(undo)});
+    auto& effects = open_batch->effects_;
+    if (key &&
+        std::any_of(effects.begin(), effects.end(), [key](const auto& e) { return e.key == key; }))
+        return;
+    effects.push_back({key, open_batch->index_, std::move(effect), std::move(undo)});
 }
 
 void write_batch::on_success(std::function<void()> adopt) {

@@ -59,8 +59,11 @@ class write_batch {
         return ref;
     }
 
-    // Outside a batch: runs `effect` now (and never `undo`). Inside one: queues both for step 2.
-    static void after_commit(std::function<void()> effect, std::function<void()> undo = {});
+    // Outside a batch: runs `effect` now (and never `undo`). Inside one: queues both for step 2;
+    // with a `key`, once per batch: an effect queued earlier under the same key (a service
+    // restart that rereads the whole configuration) stands for this one.
+    static void after_commit(std::function<void()> effect, std::function<void()> undo = {},
+                             const void* key = nullptr);
     // Outside a batch: runs `adopt` now. Inside one: queues it for step 3.
     static void on_success(std::function<void()> adopt);
     // Inside a batch: runs `undo` unless the batch commits. Outside one: nothing to do.
@@ -76,6 +79,7 @@ class write_batch {
         std::unique_ptr<participant> party;
     };
     struct effect {
+        const void* key;
         std::size_t index;
         std::function<void()> run;
         std::function<void()> undo;

@@ -2,6 +2,7 @@
 // path. Parsing may refuse the pattern; a match must always start with the pattern's literal
 // prefix, as the node table walk relies on it.
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>

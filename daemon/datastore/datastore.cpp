@@ -114,6 +114,13 @@ Document datastore_service::export_startup() const {
     return parse(door_.call(export_argv("startup"), host::query()));
 }
 
+std::pair<Document, Document> datastore_service::export_configuration() {
+    std::lock_guard lock(mutex_);
+    Document running = export_running();
+    Document startup = startup_diverged_ ? export_startup() : copy_document(running);
+    return {std::move(running), std::move(startup)};
+}
+
 Document datastore_service::export_checked(datastore ds, const host::argv_t& selection) const {
     host::argv_t argv{
         "/bin/sysrepocfg", "--export", "-f", "json", "-d", std::string(1, static_cast<char>(ds))};

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <utility>
 
 #include "dh_types.hpp"
 #include "door.hpp"
@@ -42,6 +43,10 @@ class datastore_service {
     Document export_running() const;
     Document export_startup() const;
 
+    // Running and startup as they are now (running, startup). Startup is exported only while it
+    // differs from running; otherwise it is a copy of running.
+    std::pair<Document, Document> export_configuration();
+
     // Export of `ds` with sysrepocfg selection arguments (-x XPATH, -m MODULE); dh_error 22
     // "Invalid json in response" when the output is not JSON.
     Document export_checked(datastore ds, const host::argv_t& selection) const;
@@ -70,9 +75,11 @@ class datastore_service {
     void restore(const Document& running, const Document& startup);
 
     // A change on the host that follows a datastore write: run at once outside a batch, after the
-    // batch's imports inside one; `undo` reverses it if a later step of the batch fails.
-    static void after_commit(std::function<void()> effect, std::function<void()> undo = {}) {
-        dh::write_batch::after_commit(std::move(effect), std::move(undo));
+    // batch's imports inside one; `undo` reverses it if a later step of the batch fails. Effects
+    // with the same non-null `key` run once per batch.
+    static void after_commit(std::function<void()> effect, std::function<void()> undo = {},
+                             const void* key = nullptr) {
+        dh::write_batch::after_commit(std::move(effect), std::move(undo), key);
     }
 
     // Makes `next` a unit's model. The caller holds `guard`, the lock of `model`; inside a batch
@@ -102,8 +109,8 @@ class datastore_service {
     const host::door& door_;
     const dh::clock& time_;
 
-    // Guards every export-edit-import sequence and startup_diverged_. Taken only by edit(),
-    // edit_startup() and replace_startup(); no unit lock is taken while it is held.
+    // Guards every export-edit-import sequence and startup_diverged_; no unit lock is taken
+    // while it is held.
     std::mutex mutex_;
     bool startup_diverged_ = true;
 

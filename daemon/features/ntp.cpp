@@ -164,9 +164,7 @@ void ntp_unit::set_ntp_adminStatus(const std::string& status) {
         else
             enabled->value.SetBool(status == "up");
     });
-    // After a batch's imports; should a later step fail, a second restart rereads the restored
-    // configuration.
-    datastore_service::after_commit([this] { restart_ntpd(); }, [this] { restart_ntpd(); });
+    restart_after_commit();
 }
 
 std::string ntp_unit::get_ntp_server(const Document& doc, bool primary) {
@@ -188,7 +186,13 @@ void ntp_unit::set_ntp_server(bool primary, const std::string& address) {
 
     const char* role = role_name(primary);
     ds_.edit([&](Document& doc) { edit_server(doc, role, primary, address); });
-    datastore_service::after_commit([this] { restart_ntpd(); }, [this] { restart_ntpd(); });
+    restart_after_commit();
+}
+
+void ntp_unit::restart_after_commit() {
+    // After a batch's imports, and once for all of its NTP writes: ntpd rereads the whole
+    // configuration. Should a later step fail, a second restart rereads the restored one.
+    datastore_service::after_commit([this] { restart_ntpd(); }, [this] { restart_ntpd(); }, this);
 }
 
 void ntp_unit::edit_server(Document& doc, const char* role, bool primary,

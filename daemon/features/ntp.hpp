@@ -26,6 +26,8 @@ class ntp_unit {
     void restart_ntpd();
 
   private:
+    // restart_ntpd() once the datastore write (or the write batch) took effect.
+    void restart_after_commit();
     static void edit_server(Document& doc, const char* role, bool primary,
                             const std::string& address);
 
