@@ -24,19 +24,22 @@ class BatchWrite : public handler_test {
     }
 
     std::string before;
-    const updates three = {{"config/ntp/primaryServer", R"("192.0.2.1")"},
-                           {"config/dnsSettings", R"({"primaryDnsIpAddress":"192.0.2.53"})"},
-                           {"config/ospf/e4/metric", "20"}};
+    const updates several = {{"config/ntp/primaryServer", R"("192.0.2.1")"},
+                             {"config/ntp/secondaryServer", R"("192.0.2.2")"},
+                             {"config/dnsSettings", R"({"primaryDnsIpAddress":"192.0.2.53"})"},
+                             {"config/ospf/e4/metric", "20"}};
     const std::string new_mgmt = R"({"ipAddress":"192.0.2.20","netmask":"255.255.255.0"})";
 };
 
 TEST_F(BatchWrite, ExportsOnceImportsEachDatastoreOnceAndThenActsOnTheHost) {
-    EXPECT_EQ(write_together(three), "ok");
+    EXPECT_EQ(write_together(several), "ok");
     const auto commands = fake->commands();
     EXPECT_EQ(std::count(commands.begin(), commands.end(), export_running), 1);
     EXPECT_EQ(imports("running").size(), 1u);
     EXPECT_EQ(imports("startup"), imports("running"));
-    EXPECT_EQ(commands.back(), ntpd_restart);  // after both imports
+    // After both imports, and once for both NTP servers.
+    EXPECT_EQ(commands.back(), ntpd_restart);
+    EXPECT_EQ(fake->count(ntpd_restart), 1u);
 
     EXPECT_NE(ospf_iface(last_import(), "0.0.0.1", "e4.8").find(R"("cost":20)"), std::string::npos);
     EXPECT_EQ(read_node(db, "config/ospf/e4/metric"), "20");
@@ -64,7 +67,7 @@ TEST_F(BatchWrite, ARefusedUpdateChangesNothingAndPutsModelsBack) {
 
 TEST_F(BatchWrite, AFailedStartupImportPutsRunningBack) {
     fake->on(import_startup, fake_executor::reply{256, ""});
-    EXPECT_EQ(write_together(three), "0 256 Failed to call: " + import_startup);
+    EXPECT_EQ(write_together(several), "0 256 Failed to call: " + import_startup);
     ASSERT_EQ(imports("running").size(), 2u);
     EXPECT_EQ(parse(imports("running")[1]), parse(before));
     EXPECT_EQ(fake->count(ntpd_restart), 0u);
