@@ -240,13 +240,11 @@ TEST_F(MgmtFirewall, RefillsTheSetAndSavesItsListing) {
 // membership by either leaf or by a higher-layer interface.
 TEST(OperState, StatusTextsFromInterfaceEntriesAndSpeeds) {
     const Document oper = parse(data_file("operational.json"));
-    const std::pair<const char*, const char*> rows[] = {
-        {"e1", "up up 1000BaseT none"},
-        {"e11", "down down unknown br0"},
-        {"e12", "down down unknown br1"},
-        {"e13", "up up 10G br0"},
-        {"e27", "unknown unknown unknown unknown"},
-    };
+    const std::pair<const char*, const char*> rows[] = {{"e1", "up up 1000BaseT none"},
+                                                        {"e11", "down down unknown br0"},
+                                                        {"e12", "down down unknown br1"},
+                                                        {"e13", "up up 10G br0"},
+                                                        {"e27", "unknown unknown unknown unknown"}};
     for (auto [name, expected] : rows) {
         const auto s = interface_status_from(find_oper_interface(oper, name));
         EXPECT_EQ(
