@@ -101,8 +101,7 @@ TEST(server_tls, OnlyTrustedCertificatesGetInAndPlainTcpCanBeOff) {
     EXPECT_THROW(try_get("rogue"), dh::client::connection_error);
     // A client that speaks no TLS at all gets nothing either.
     auto raw = line_client::tcp(s.srv.tls_port());
-    ASSERT_TRUE(raw.send_line(
-        R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})"));
+    ASSERT_TRUE(raw.send_line(req("1", "get", R"({"path":"data/version"})")));
     EXPECT_TRUE(raw.closed_by_peer());
     EXPECT_STREQ(s.as("monitor").get("data/version").GetString(), "1.2.3");
 
@@ -138,12 +137,11 @@ TEST(roles, RoleFileIsCheckedAndApplied) {
         R"({"certificates": {"CN=a": "admin"}, "users": {"no-such-user-here": "admin"},
             "plainTcp": "operator"})",
         "f");
-    EXPECT_EQ(m.for_subject("CN=a"), role::admin);
-    EXPECT_EQ(m.for_subject("CN=A"), role::none);
-    EXPECT_EQ(m.for_plain_tcp(), role::operator_);
-    EXPECT_EQ(m.for_unix(0, 0), role::admin);
-    EXPECT_EQ(m.for_unix(65534, 65534), role::none);
-    EXPECT_EQ(role_map::parse("{}", "f").for_plain_tcp(), role::monitor);
+    EXPECT_EQ((std::vector{m.for_subject("CN=a"), m.for_subject("CN=A"), m.for_plain_tcp(),
+                           m.for_unix(0, 0), m.for_unix(65534, 65534),
+                           role_map::parse("{}", "f").for_plain_tcp()}),
+              (std::vector{role::admin, role::none, role::operator_, role::admin, role::none,
+                           role::monitor}));
 
     for (const char* bad : {R"({"certificates": {"CN=a": "root"}})", R"({"user": {}})",
                             R"({"groups": []})", R"({"plainTcp": 1})", "[]", "{"}) {

@@ -52,6 +52,12 @@ inline std::string req(const std::string& id, const std::string& method,
                        params.empty() ? "" : R"(,"params":)" + params);
 }
 
+// The error line answering what has no usable id.
+inline std::string null_error(int code, const std::string& message) {
+    return fmt::format(R"({{"jsonrpc":"2.0","id":null,"error":{{"code":{},"message":"{}"}}}})",
+                       code, message);
+}
+
 // What the E that f throws says; "" when it throws nothing.
 template <typename E, typename F>
 std::string thrown(F&& f) {

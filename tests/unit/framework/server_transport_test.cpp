@@ -14,8 +14,7 @@ namespace {
 
 using server_transport = server_fixture;
 
-const std::string get_version =
-    R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})";
+const std::string get_version = req("1", "get", R"({"path":"data/version"})");
 
 bool answers(line_client& c) {
     return c.send_line(get_version) &&
@@ -60,17 +59,14 @@ TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
     EXPECT_TRUE(call(c, fits)["result"].IsNull());
 
     c.send_raw(std::string((1u << 20) + 1, ' '));
-    EXPECT_EQ(
-        c.read_line(),
-        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request too large"}})");
+    EXPECT_EQ(c.read_line(), null_error(-32600, "Request too large"));
     EXPECT_TRUE(c.closed_by_peer());
 }
 
 TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
     auto c = connect();
-    EXPECT_EQ(
-        to_json_text(call(c, std::string(100000, '['))),
-        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Nesting too deep"}})");
+    EXPECT_EQ(to_json_text(call(c, std::string(100000, '['))),
+              null_error(-32600, "Nesting too deep"));
     // Objects count as well: with the request object and params, 62 arrays make 64 levels.
     auto nested = [](int n) {
         return R"({"jsonrpc":"2.0","id":2,"method":"set","params":{"path":"config/ospf/areaId","value":)" +
@@ -114,10 +110,7 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
 TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
     auto c = connect();
     // The last request has no newline; the slow one finishes after the peer stopped sending.
-    ASSERT_TRUE(
-        c.send_raw(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/slow"}})"
-                   "\n" +
-                   get_version));
+    ASSERT_TRUE(c.send_raw(req("1", "get", R"({"path":"data/slow"})") + "\n" + get_version));
     c.shutdown();
     EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
     ASSERT_TRUE(wait_until([&] { return gate->waiting == 1; }));
@@ -155,11 +148,6 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
 }
 
-std::string refusal(const char* message) {
-    return R"({"jsonrpc":"2.0","id":null,"error":{"code":-32000,"message":")" +
-           std::string(message) + "\"}}";
-}
-
 // The network's share (IPv4 and IPv6 together), each address's part of it, and the Unix
 // socket's own; a closed connection gives its place back.
 TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
@@ -174,17 +162,17 @@ TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
     auto b = line_client::tcp(s.srv.tcp_port());
     EXPECT_TRUE(answers(a) && answers(b));
     auto refused = line_client::tcp(s.srv.tcp_port());
-    EXPECT_EQ(refused.read_line(), refusal("Too many connections from this address"));
+    EXPECT_EQ(refused.read_line(), null_error(-32000, "Too many connections from this address"));
     EXPECT_TRUE(refused.closed_by_peer());
     auto v6 = line_client::tcp(s.srv.tcp_port(), "::1");
     EXPECT_TRUE(answers(v6));
     EXPECT_EQ(line_client::tcp(s.srv.tcp_port(), "::1").read_line(),
-              refusal("Too many connections"));
+              null_error(-32000, "Too many connections"));
 
     auto local = line_client::unix_socket(s.srv.socket_path());
     EXPECT_TRUE(answers(local));
     EXPECT_EQ(line_client::unix_socket(s.srv.socket_path()).read_line(),
-              refusal("Too many connections"));
+              null_error(-32000, "Too many connections"));
     EXPECT_EQ(s.srv.connection_count(), 4u);
 
     { auto gone_a = std::move(a), gone_local = std::move(local); }
@@ -211,7 +199,7 @@ TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
         ASSERT_TRUE(answers(talking));
         std::this_thread::sleep_for(50ms);
     }
-    EXPECT_EQ(silent.read_line(1s), refusal("Idle timeout"));
+    EXPECT_EQ(silent.read_line(1s), null_error(-32000, "Idle timeout"));
     EXPECT_TRUE(silent.closed_by_peer());
     EXPECT_TRUE(answers(talking));
     EXPECT_TRUE(answers(subscribed));
