@@ -1,7 +1,5 @@
 // The client library against a scripted peer, and dhctl's VALUE rule.
 
-#include <exception>
-
 #include <gmock/gmock.h>
 
 #include "dh_client.hpp"
@@ -13,8 +11,8 @@ using ::testing::HasSubstr;
 namespace server_test {
 namespace {
 
-// Accepts one connection on a Unix socket and runs a script on it in a thread; finish() joins
-// and rethrows what the script threw.
+// Accepts one connection on a Unix socket and runs a script on it in a thread; finish() waits
+// for it and rethrows what the script threw.
 class scripted_server {
   public:
     explicit scripted_server(std::function<void(line_client&)> script) {
@@ -24,32 +22,24 @@ class scripted_server {
         if (::bind(listener_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
             ::listen(listener_, 1) != 0)
             throw std::runtime_error("listen " + path);
-        thread_ = std::thread([this, script = std::move(script)] {
-            try {
-                line_client peer(::accept(listener_, nullptr, nullptr));
-                script(peer);
-            } catch (...) {
-                failure_ = std::current_exception();
-            }
+        done_ = std::async(std::launch::async, [this, script = std::move(script)] {
+            line_client peer(::accept(listener_, nullptr, nullptr));
+            script(peer);
         });
     }
     ~scripted_server() {
         ::shutdown(listener_, SHUT_RDWR);
-        if (thread_.joinable()) thread_.join();
+        if (done_.valid()) done_.wait();
         ::close(listener_);
         std::filesystem::remove_all(std::filesystem::path(path).parent_path());
     }
-    void finish() {
-        thread_.join();
-        if (failure_) std::rethrow_exception(failure_);
-    }
+    void finish() { done_.get(); }
 
     const std::string path = make_temp_dir() + "/dh.sock";
 
   private:
     int listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
-    std::thread thread_;
-    std::exception_ptr failure_;
+    std::future<void> done_;
 };
 
 std::string response(std::uint64_t id, const std::string& body) {

@@ -177,8 +177,7 @@ TEST_F(DhApi, ParameterWritesReachTheMethodOnlyWhenTheValueChanges) {
 
     // Non-text values reach a text parameter as their JSON text.
     handler->fail = false;
-    write(*node, "5");
-    write(*node, "{\"a\":1}");
+    for (const char* value : {"5", "{\"a\":1}"}) write(*node, value);
     EXPECT_EQ(handler->calls, (strings{"e13.21 21 down", "e13.21 21 5", "e13.21 21 {\"a\":1}"}));
 }
 
@@ -246,25 +245,19 @@ TEST_F(DhApi, StatusValueRisesAtOnceAndFallsAfterTheDelay) {
     EXPECT_EQ(read(*node), "false");
     EXPECT_EQ(subscribe(*node, alice), "false");
 
-    node->set(true);
-    EXPECT_EQ(read(*node), "true");
-    EXPECT_EQ(alice->values, (strings{"false", "true"}));
-
-    node->set(false);
-    node->periodic_task(false);
-    EXPECT_EQ(read(*node), "true");
-    node->periodic_task(false);
-    EXPECT_EQ(alice->values, (strings{"false", "true", "false"}));
-
-    // A fall undone within the delay reaches nobody.
-    node->set(true);
-    node->set(false);
-    node->periodic_task(false);
-    node->set(true);
-    node->periodic_task(false);
-    node->periodic_task(false);
-    EXPECT_EQ(alice->values.size(), 4u);
-    EXPECT_EQ(read(*node), "true");
+    // Each step: sets ('1', '0') and ticks ('.'), then the value read and the events so far.
+    const std::tuple<const char*, const char*, strings> steps[] = {
+        {"1", "true", {"false", "true"}},
+        {"0.", "true", {"false", "true"}},
+        {".", "false", {"false", "true", "false"}},
+        // A fall undone within the delay reaches nobody.
+        {"10.1..", "true", {"false", "true", "false", "true"}}};
+    for (const auto& [script, value, sent] : steps) {
+        for (const char ch : std::string_view(script))
+            ch == '.' ? node->periodic_task(false) : node->set(ch == '1');
+        EXPECT_EQ(read(*node), value) << script;
+        EXPECT_EQ(alice->values, sent) << script;
+    }
 }
 
 using pushed_number = hysteresis_filtered_value<pushed_volatile_value_impl<double>>;

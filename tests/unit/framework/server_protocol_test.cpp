@@ -9,10 +9,6 @@
 namespace server_test {
 namespace {
 
-std::string notification(const std::string& method, const std::string& params) {
-    return fmt::format(R"({{"jsonrpc":"2.0","method":"{}","params":{}}})", method, params);
-}
-
 using server_protocol = server_fixture;
 
 TEST_F(server_protocol, EveryMethodAnswersAsTheProtocolSays) {
@@ -92,13 +88,13 @@ TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
 TEST_F(server_protocol, NotificationsAndBatches) {
     auto c = connect();
     // A notification is carried out and not answered: the next line answers the next request.
-    ASSERT_TRUE(c.send_line(notification("set", R"({"path":"config/ospf/areaId","value":7})")));
-    ASSERT_TRUE(c.send_line(R"({"jsonrpc":"2.0","method":"nosuch"})"));
+    ASSERT_TRUE(c.send_line(req("", "set", R"({"path":"config/ospf/areaId","value":7})")));
+    ASSERT_TRUE(c.send_line(req("", "nosuch")));
     EXPECT_EQ(to_json_text(call(c, req("1", "get", R"({"path":"config/ospf/areaId"})"))),
               R"({"jsonrpc":"2.0","id":1,"result":7})");
 
     auto r = call(c, "[" + req("1", "get", R"({"path":"data/version"})") + ",1," +
-                         notification("set", R"({"path":"config/ospf/areaId","value":8})") + "," +
+                         req("", "set", R"({"path":"config/ospf/areaId","value":8})") + "," +
                          req(R"("e")", "run", R"({"path":"command/echo","value":2})") + "," +
                          req("3", "nosuch") + "]");
     EXPECT_EQ(to_json_text(r),
@@ -108,9 +104,8 @@ TEST_F(server_protocol, NotificationsAndBatches) {
               R"({"jsonrpc":"2.0","id":3,"error":{"code":-32601,"message":"Method not found"}}])");
 
     // A batch of notifications only (one of them on the workers) is not answered.
-    ASSERT_TRUE(c.send_line("[" +
-                            notification("set", R"({"path":"config/ntp/server","value":"a"})") +
-                            "," + notification("get", R"({"path":"data/version"})") + "]"));
+    ASSERT_TRUE(c.send_line("[" + req("", "set", R"({"path":"config/ntp/server","value":"a"})") +
+                            "," + req("", "get", R"({"path":"data/version"})") + "]"));
     EXPECT_EQ(to_json_text(call(c, req("2", "get", R"({"path":"config/ospf/areaId"})"))),
               R"({"jsonrpc":"2.0","id":2,"result":8})");
     EXPECT_TRUE(wait_until(
@@ -136,8 +131,7 @@ TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
     std::string pipeline;
     for (int i = 1; i <= 30; ++i)
         pipeline +=
-            notification("set", fmt::format(R"({{"path":"config/ntp/server","value":{}}})", i)) +
-            "\n";
+            req("", "set", fmt::format(R"({{"path":"config/ntp/server","value":{}}})", i)) + "\n";
     EXPECT_EQ(to_json_text(call(c, pipeline + req("2", "get", R"({"path":"config/ntp/server"})"))),
               R"({"jsonrpc":"2.0","id":2,"result":30})");
 }

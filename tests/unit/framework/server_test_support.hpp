@@ -45,10 +45,12 @@ inline bool wait_until(const std::function<bool()>& done, std::chrono::milliseco
     return true;
 }
 
-// A request line; id and params are JSON texts, params left out when empty.
+// A request line; id and params are JSON texts, each left out when empty (no id: a
+// notification).
 inline std::string req(const std::string& id, const std::string& method,
                        const std::string& params = "") {
-    return fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"{}"{}}})", id, method,
+    return fmt::format(R"({{"jsonrpc":"2.0",{}"method":"{}"{}}})",
+                       id.empty() ? "" : R"("id":)" + id + ",", method,
                        params.empty() ? "" : R"(,"params":)" + params);
 }
 
@@ -124,11 +126,7 @@ class line_client {
         }
     }
     // The next line as JSON; throws when none comes.
-    rapidjson::Document read_json() {
-        auto line = read_line();
-        if (!line) throw std::runtime_error("no line");
-        return parse(*line);
-    }
+    rapidjson::Document read_json() { return parse(read_line().value()); }
 
     // True once the peer closed the connection (lines still buffered are dropped).
     bool closed_by_peer(std::chrono::milliseconds limit = 5s) {
@@ -214,20 +212,19 @@ class gated_node : public dh_db_leaf_node {
     explicit gated_node(dh_db& db) : dh_db_leaf_node(db, {"data", "slow"}) {}
     void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
         ++waiting;
-        opened_.wait();
+        opened_.wait(false);
         out.SetString("slow", a);
     }
     bool is_async() override { return true; }
     void open() {
-        if (!open_.exchange(true)) gate_.set_value();
+        opened_ = true;
+        opened_.notify_all();
     }
 
     std::atomic<int> waiting{0};
 
   private:
-    std::atomic<bool> open_{false};
-    std::promise<void> gate_;
-    std::shared_future<void> opened_ = gate_.get_future().share();
+    std::atomic<bool> opened_{false};
 };
 
 // Fails with a dh_error (get) or any other exception (run); with `echo`, a run answers
