@@ -97,23 +97,15 @@ std::string info(dh_db_leaf_node& node, const char* member) {
 // The code and text of the dh_error f throws.
 template <class F>
 std::string error_of(F&& f) {
-    try {
-        f();
-    } catch (const dh_error& e) {
-        return fmt::format("{} {}", e.code(), e.message());
-    }
-    return "no dh_error";
+    return server_test::thrown<dh_error>(
+        f, [](const dh_error& e) { return fmt::format("{} {}", e.code(), e.message()); });
 }
-
 // What from_json<T> says it expected and got for `text`.
 template <class T>
 std::string mismatch(const char* text) {
-    try {
-        from_json<T>(parse(text));
-    } catch (const json_value_conversion_error& e) {
-        return e.expected + ", " + e.actual;
-    }
-    return "accepted";
+    return server_test::thrown<json_value_conversion_error>(
+        [&] { from_json<T>(parse(text)); },
+        [](const auto& e) { return e.expected + ", " + e.actual; });
 }
 
 struct DhApi : ::testing::Test {

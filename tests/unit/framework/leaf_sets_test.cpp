@@ -48,7 +48,7 @@ class leaf_sets : public server_fixture {
 TEST_F(leaf_sets, PatternReadAnswersEveryLeafAndEachFailure) {
     set(*e1, R"("up")");
     set(*e4, R"("up")");
-    auto c = connect();
+    auto c = s.connect();
     // e4 is slow: the whole read goes to the workers and answers the same.
     EXPECT_EQ(result(c, "get", R"({"path":"data/*/linkStatus"})"),
               R"({"values":{"data/e1/linkStatus":"up","data/e4/linkStatus":"up"},)"
@@ -69,7 +69,7 @@ TEST_F(leaf_sets, PatternSubscriptionsStartResumeAndEnd) {
     set(*y, "20");
     set(*e1, R"("up")");  // not under the pattern
     set(*x, "2");
-    auto c = connect();
+    auto c = s.connect();
     // The current values answer and come as events as well (y's on the workers).
     auto lines = exchange(c, "1", "subscribe", R"({"path":"config/*"})");
     EXPECT_EQ(to_json_text(lines.back()["result"]),
@@ -104,7 +104,7 @@ TEST_F(leaf_sets, SyncSaysWhenTheHistoryNoLongerReachesBack) {
     const std::pair<std::uint64_t, bool> cases[] = {
         {since, true}, {since - 1, false}, {since + 5000, false}};
     for (const auto& [from, complete] : cases) {
-        auto c = connect();
+        auto c = s.connect();
         exchange(c, "1", "subscribe", fmt::format(R"({{"path":"config/x","since_seq":{}}})", from));
         std::size_t replayed = 0;
         auto d = c.read_json();
@@ -130,7 +130,7 @@ class racing_node : public value_node {
 
 TEST_F(leaf_sets, ChangesWhileResumingAreNeitherLostNorRepeated) {
     add<racing_node>(s.db, "config/racing", false);
-    auto c = connect();
+    auto c = s.connect();
     const std::uint64_t since = s.db.latest_seq();
     EXPECT_TRUE(c.send_line(
         req("1", "subscribe", fmt::format(R"({{"path":"config/racing","since_seq":{}}})", since))));
@@ -144,7 +144,7 @@ TEST_F(leaf_sets, ChangesWhileResumingAreNeitherLostNorRepeated) {
 }
 
 TEST_F(leaf_sets, HeartbeatsFillSilenceOnTheConnection) {
-    auto c = connect();
+    auto c = s.connect();
     for (const char* bad : {R"("heartbeat":3601)", R"("heartbeat":-1)", R"("heartbeat":"5")",
                             R"("since_seq":-1)", R"("since_seq":1.5)"})
         EXPECT_EQ(result(c, "subscribe", fmt::format(R"({{"path":"config/x",{}}})", bad)),

@@ -58,11 +58,8 @@ struct tls_server : test_server {
     }
 };
 
-// What the server answered a refused call, as the client library reports it.
-template <typename F>
-std::string refusal(F&& call) {
-    return thrown<dh::client::rpc_error>(call);
-}
+using dh::client::rpc_error;
+// What the server answers a refused call, as the client library reports it.
 const std::string denied = "error -32003: Permission denied";
 
 TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
@@ -70,13 +67,13 @@ TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
     const rapidjson::Value one(1);
     auto monitor = s.as("monitor");
     EXPECT_STREQ(monitor.get("data/version").GetString(), "1.2.3");
-    EXPECT_EQ(refusal([&] { monitor.set("config/x", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { monitor.set("config/x", one); }), denied);
 
     auto op = s.as("operator");
     op.set("config/x", one);
-    EXPECT_EQ(refusal([&] { op.run("command/reboot", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { op.run("command/reboot", one); }), denied);
     // Refused before the path is looked up, so roles do not reveal which nodes exist.
-    EXPECT_EQ(refusal([&] { monitor.set("no/such/node", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { monitor.set("no/such/node", one); }), denied);
 
     auto admin = s.as("admin");
     EXPECT_EQ(admin.run("command/reboot", one)["echo"].GetInt(), 1);
@@ -87,7 +84,7 @@ TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
     // Plain TCP clients get the role file's plainTcp role, monitor by default.
     auto plain = dh::client::client::tcp("127.0.0.1", std::to_string(s.srv.tcp_port()));
     EXPECT_STREQ(plain.get("data/version").GetString(), "1.2.3");
-    EXPECT_EQ(refusal([&] { plain.set("config/x", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { plain.set("config/x", one); }), denied);
 }
 
 TEST(server_tls, OnlyTrustedCertificatesGetInAndPlainTcpCanBeOff) {

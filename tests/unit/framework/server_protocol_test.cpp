@@ -12,7 +12,7 @@ namespace {
 using server_protocol = server_fixture;
 
 TEST_F(server_protocol, EveryMethodAnswersAsTheProtocolSays) {
-    auto c = connect();
+    auto c = s.connect();
     EXPECT_EQ(to_json_text(call(c, req("1", "get", R"({"path":"/data/version/"})"))),
               R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
     // Method, params and result; asynchronous nodes answer the same way as immediate ones.
@@ -50,7 +50,7 @@ TEST_F(server_protocol, EveryMethodAnswersAsTheProtocolSays) {
 }
 
 TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
-    auto c = connect();
+    auto c = s.connect();
     EXPECT_EQ(result(c, "get", R"({"path":"data/broken"})"),
               R"({"code":-5,"message":"Input/output error"})");
     // The write tests hold the answer to a conversion error.
@@ -86,7 +86,7 @@ TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
 }
 
 TEST_F(server_protocol, NotificationsAndBatches) {
-    auto c = connect();
+    auto c = s.connect();
     // A notification is carried out and not answered: the next line answers the next request.
     ASSERT_TRUE(c.send_line(req("", "set", R"({"path":"config/ospf/areaId","value":7})")));
     ASSERT_TRUE(c.send_line(req("", "nosuch")));
@@ -114,7 +114,7 @@ TEST_F(server_protocol, NotificationsAndBatches) {
 }
 
 TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
-    auto c = connect();
+    auto c = s.connect();
     ASSERT_TRUE(c.send_line(req(R"("slow")", "get", R"({"path":"data/slow"})")));
     ASSERT_TRUE(wait_until([&] { return gate->waiting == 1; }));
     // Same connection, immediate node, and an asynchronous one on another worker.
@@ -137,7 +137,7 @@ TEST_F(server_protocol, SlowNodeNeitherBlocksOthersNorOrdersResponses) {
 }
 
 TEST_F(server_protocol, EventsCarrySequenceAndTime) {
-    auto c = connect();
+    auto c = s.connect();
     set(*param, R"("0.0.0.1")");
     // The subscription answers the current value and sends it as an event, in either order.
     auto lines = exchange(c, "1", "subscribe", R"({"path":"config/ospf/areaId"})");
@@ -190,7 +190,7 @@ TEST_F(server_protocol, RequestsConnectionsAndEventsAreCounted) {
     const auto before = counts();
     const double events = metric_count("dh_events_sent_total", {});
     {
-        auto local = connect();
+        auto local = s.connect();
         auto remote = line_client::tcp(s.srv.tcp_port());
         EXPECT_TRUE(wait_until([&] {
             return open_on("unix") == unix_before + 1 && open_on("tcp") == tcp_before + 1;

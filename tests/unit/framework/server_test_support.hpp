@@ -60,15 +60,19 @@ inline std::string null_error(int code, const std::string& message) {
                        code, message);
 }
 
-// What the E that f throws says; "" when it throws nothing.
-template <typename E, typename F>
-std::string thrown(F&& f) {
+// What f throws as an E, as describe(e) tells it (e.what() by default); "" when it throws none.
+template <typename E, typename F, typename D>
+std::string thrown(F&& f, D&& describe) {
     try {
         f();
     } catch (const E& e) {
-        return e.what();
+        return describe(e);
     }
     return "";
+}
+template <typename E, typename F>
+std::string thrown(F&& f) {
+    return thrown<E>(f, [](const E& e) { return std::string(e.what()); });
 }
 
 inline rapidjson::Document parse(const std::string& text) {
@@ -297,8 +301,6 @@ class server_fixture : public ::testing::Test {
     // For fixtures that add to the server before it serves.
     virtual void before_start() {}
     void TearDown() override { gate->open(); }
-
-    line_client connect() { return s.connect(); }
 
     // Sends one request and returns the next line as a document.
     static rapidjson::Document call(line_client& c, const std::string& request) {

@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <fstream>
 #include <system_error>
@@ -28,10 +27,9 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
     std::ofstream(sock_dir + "/dh.sock") << "left over";
     {
         device_handler_api api(sock_dir, 0, true);
-        struct stat st {};
-        ASSERT_EQ(::stat(api.socket_path().c_str(), &st), 0);
-        EXPECT_TRUE(S_ISSOCK(st.st_mode));
-        EXPECT_EQ(st.st_mode & 0777, 0660u);
+        const auto st = std::filesystem::status(api.socket_path());
+        EXPECT_EQ(std::pair(st.type(), st.permissions()),
+                  std::pair(std::filesystem::file_type::socket, std::filesystem::perms(0660)));
         // IPv6 is bound to an interface that must exist (the limits test uses it on lo).
         EXPECT_THROW(api.start_ipv6_socket("no-such-if0"), std::system_error);
         // Children the daemon starts must not inherit its listening sockets.
@@ -50,7 +48,7 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
 }
 
 TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
-    auto c = connect();
+    auto c = s.connect();
     // Exactly 1 MiB is still a line; the value is a long string of the right size.
     const std::string head =
         R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/ospf/areaId","value":")";
@@ -64,7 +62,7 @@ TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
 }
 
 TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
-    auto c = connect();
+    auto c = s.connect();
     EXPECT_EQ(to_json_text(call(c, std::string(100000, '['))),
               null_error(-32600, "Nesting too deep"));
     // Objects count as well: with the request object and params, 62 arrays make 64 levels.
@@ -78,9 +76,9 @@ TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
 }
 
 TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
-    auto stalled = connect();
-    auto reader = connect();
-    auto busy = connect();
+    auto stalled = s.connect();
+    auto reader = s.connect();
+    auto busy = s.connect();
     for (auto* c : {&stalled, &reader})
         ASSERT_TRUE(
             call(*c, req("1", "subscribe", R"({"path":"config/ospf/areaId"})"))["result"].IsNull());
@@ -108,7 +106,7 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
 }
 
 TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
-    auto c = connect();
+    auto c = s.connect();
     // The last request has no newline; the slow one finishes after the peer stopped sending.
     ASSERT_TRUE(c.send_raw(req("1", "get", R"({"path":"data/slow"})") + "\n" + get_version));
     c.shutdown();
