@@ -11,8 +11,8 @@ using server_test::parse;
 
 // A number with its unit ("-3.98 dBm") is the end-to-end dhctl test's.
 TEST(DhctlView, OnlyNumbersCarryTheUnitOfTheirDescription) {
-    EXPECT_EQ(dc::unit_of(parse(R"({"unit":5})")), "");
-    EXPECT_EQ(dc::unit_of(parse(R"("dBm")")), "");
+    for (const char* description : {R"({"unit":5})", R"("dBm")"})
+        EXPECT_EQ(dc::unit_of(parse(description)), "") << description;
 
     EXPECT_EQ(dc::display_with_unit(parse("40"), "", true), "40");
     // A value that is not set, or not a number, is shown as it is.

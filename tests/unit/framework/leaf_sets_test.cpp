@@ -21,8 +21,7 @@ TEST(path_pattern, WildcardsMatchWholeSegments) {
         {"data/e13/...", "data/e13/present", true},
         {"data/e13/...", "data/e13", false},
         {"data/e13/...", "data/e130/present", false},
-        {"...", "a", true},
-    };
+        {"...", "a", true}};
     for (const auto& [pattern, path, expected] : cases)
         EXPECT_EQ(dh::path_pattern::parse(pattern)->matches(path), expected)
             << pattern << " ~ " << path;

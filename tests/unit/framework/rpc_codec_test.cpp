@@ -84,8 +84,7 @@ TEST(envelope, IdsMethodsAndVersions) {
         {R"({"id":3,"method":"get"})", false, true, "3"},
         {R"({"jsonrpc":"2.0","id":3,"method":7})", false, true, "3"},
         {R"({"jsonrpc":"2.0","method":[]})", false, true, ""},
-        {R"([1])", false, true, ""},
-    };
+        {R"([1])", false, true, ""}};
     for (const auto& [text, valid, answered, id] : cases) {
         rapidjson::Document d;
         d.Parse(text);

@@ -61,8 +61,7 @@ TEST_F(ManualScheduler, RunsWorkInTimeOrderAtItsOwnTime) {
 TEST_F(ManualScheduler, CancelledWorkNeverRuns) {
     const auto once = sched.after(10ms, note("once"));
     const auto periodic = sched.every(10ms, 10ms, note("periodic"));
-    dh::scheduler::task_id self = 0;
-    self = sched.every(10ms, 0ms, [&] {
+    const dh::scheduler::task_id self = sched.every(10ms, 0ms, [&] {
         note("self")();
         sched.cancel(self);
     });

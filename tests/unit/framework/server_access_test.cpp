@@ -10,10 +10,8 @@
 namespace server_test {
 namespace {
 
-using dh::server::permits;
-using dh::server::role;
-using dh::server::role_map;
-using dh::server::codec::method_id;
+using namespace dh::server;
+using codec::method_id;
 
 const std::string& cert_dir() {
     static const std::string dir = [] {
@@ -35,12 +33,11 @@ const char* roles_json = R"({
 })";
 
 dh::server::options tls_options(bool plain_tcp) {
-    dh::server::options opts;
-    opts.tls = dh::server::tls_options{0, cert("server.pem"), cert("server.key"), cert("ca.pem")};
-    opts.roles = std::make_shared<role_map>(role_map::parse(roles_json, "test"));
-    opts.admin_only = {"command/reboot"};
-    opts.plain_tcp = plain_tcp;
-    return opts;
+    return {
+        .tls = dh::server::tls_options{0, cert("server.pem"), cert("server.key"), cert("ca.pem")},
+        .plain_tcp = plain_tcp,
+        .roles = std::make_shared<role_map>(role_map::parse(roles_json, "test")),
+        .admin_only = {"command/reboot"}};
 }
 
 struct tls_server : test_server {

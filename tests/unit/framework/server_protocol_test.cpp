@@ -67,8 +67,7 @@ TEST_F(server_protocol, ErrorsMapToTheirCodesAndTexts) {
         {-32602, "Invalid params", "get", R"(["data/version"])"},
         {-32602, "Invalid params", "set", R"({"path":"config/ospf/areaId"})"},
         {-32602, "Invalid params", "history", R"({"limit":-1})"},
-        {-32602, "Invalid params", "list", R"({"path":false})"},
-    };
+        {-32602, "Invalid params", "list", R"({"path":false})"}};
     for (const auto& [code, message, method, params] : refused)
         EXPECT_EQ(result(c, method, params),
                   fmt::format(R"({{"code":{},"message":"{}"}})", code, message))

@@ -120,14 +120,12 @@ class line_client {
     // The next line, or nothing on timeout, end of stream or error.
     std::optional<std::string> read_line(std::chrono::milliseconds limit = 5s) {
         const auto deadline = std::chrono::steady_clock::now() + limit;
-        for (;;) {
-            if (auto nl = buf_.find('\n'); nl != std::string::npos) {
-                std::string line = buf_.substr(0, nl);
-                buf_.erase(0, nl + 1);
-                return line;
-            }
+        std::size_t nl;
+        while ((nl = buf_.find('\n')) == std::string::npos)
             if (!fill(deadline)) return std::nullopt;
-        }
+        std::string line = buf_.substr(0, nl);
+        buf_.erase(0, nl + 1);
+        return line;
     }
     // The next line as JSON; throws when none comes.
     rapidjson::Document read_json() { return parse(read_line().value()); }
@@ -313,11 +311,9 @@ class server_fixture : public ::testing::Test {
                                                      const std::string& params) {
         EXPECT_TRUE(c.send_line(req(id, method, params)));
         std::vector<rapidjson::Document> lines;
-        for (;;) {
-            lines.push_back(c.read_json());
-            const auto& d = lines.back();
-            if (d.HasMember("id") && to_json_text(d["id"]) == id) return lines;
-        }
+        do lines.push_back(c.read_json());
+        while (!lines.back().HasMember("id") || to_json_text(lines.back()["id"]) != id);
+        return lines;
     }
     // The result of a request, or its error, as JSON text.
     static std::string result(line_client& c, const std::string& method,

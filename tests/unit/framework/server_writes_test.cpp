@@ -99,8 +99,7 @@ TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
         {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":3601})",
          R"({"code":-32602,"message":"Invalid params"})"},
         {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":5})",
-         R"({"code":-95,"message":"Operation not supported"})"},
-    };
+         R"({"code":-95,"message":"Operation not supported"})"}};
     for (const auto& [params, error] : refused)
         EXPECT_EQ(result(c, "set_many", params), error) << params;
     EXPECT_EQ(result(c, "confirm", R"({"token":"t1"})"),
