@@ -58,12 +58,11 @@ TEST(client_library, MatchesResponsesByIdAndQueuesEventsMeanwhile) {
     scripted_server server([&](line_client& p) {
         const auto id = next_id(p);
         // A late answer to some earlier request and an event come before the real answer.
-        p.send_raw(
-            result(id + 1000, R"("stale")") +
-            R"({"jsonrpc":"2.0","method":"event","params":{"path":"a/b","type":"valueChanged",)"
-            R"("value":{"n":[1,2]},"seq":7,"time":"2026-11-21T10:00:00.123Z"}})"
-            "\n" +
-            result(id, R"({"x":[1,2]})"));
+        p.send_raw(result(id + 1000, R"("stale")") +
+                   req("", "event",
+                       R"({"path":"a/b","type":"valueChanged","value":{"n":[1,2]},"seq":7,)"
+                       R"("time":"2026-11-21T10:00:00.123Z"})") +
+                   "\n" + result(id, R"({"x":[1,2]})"));
         notification = p.read_json();
         p.send_raw(result(next_id(p), "5"));
     });
@@ -88,8 +87,7 @@ TEST(client_library, ErrorObjectsBecomeRpcErrors) {
         p.send_raw(response(next_id(p), R"("error":{"code":-22,"message":"Invalid value type",)"
                                         R"("data":{"expected":"uint"}})"));
         p.read_json();
-        p.send_raw(R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Too large"}})"
-                   "\n");
+        p.send_line(null_error(-32600, "Too large"));
         p.send_raw(response(next_id(p), R"("error":{"code":"x"})"));
     });
 
@@ -109,10 +107,8 @@ TEST(client_library, ReadsLongLinesInPiecesUpToItsLimit) {
     const std::string big(3u << 20, 'v');
     scripted_server server([&](line_client& p) {
         // The answer and an event share the last write.
-        std::string text =
-            result(next_id(p), '"' + big + '"') +
-            R"({"jsonrpc":"2.0","method":"event","params":{"path":"p","value":true}})"
-            "\n";
+        const std::string text = result(next_id(p), '"' + big + '"') +
+                                 req("", "event", R"({"path":"p","value":true})") + "\n";
         for (std::size_t at = 0; at < text.size(); at += 100000)
             p.send_raw(text.substr(at, 100000));
     });

@@ -139,8 +139,9 @@ TEST(DhApiConversion, TypeNamesAcceptedValuesAndMismatches) {
     EXPECT_EQ(mismatch<dh::Document>("42"), "object or array, 32-bit unsigned integer");
 
     dh::Document d;
-    const auto inf = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(to_json_text(to_json_value(inf, d.GetAllocator())), "null");
+    EXPECT_EQ(
+        to_json_text(to_json_value(std::numeric_limits<double>::infinity(), d.GetAllocator())),
+        "null");
     EXPECT_EQ(to_json_text(to_json_value(family::ipv6, d.GetAllocator())), "1");
 }
 
@@ -173,7 +174,7 @@ TEST_F(DhApi, ParameterWritesReachTheMethodOnlyWhenTheValueChanges) {
     EXPECT_EQ(handler->calls, (strings{"e13.21 21 down", "e13.21 21 5", "e13.21 21 {\"a\":1}"}));
 }
 
-TEST_F(DhApi, ParameterWithoutValueAndGoneHandler) {
+TEST_F(DhApi, ParameterWithoutValueConversionsDescriptionAndGoneHandler) {
     auto node = config_param<&fake_handler::set_metric>::create(
         db, "config/ospf/e2/metric", handler,
         []() -> unsigned { throw dh_error(-5, "datastore down"); }, "e2");
@@ -187,11 +188,7 @@ TEST_F(DhApi, ParameterWithoutValueAndGoneHandler) {
 
     node->reset();
     EXPECT_EQ(read(*node), "null");
-    handler.reset();
-    EXPECT_EQ(error_of([&] { write(*node, "8"); }), "-2 Object has been removed");
-}
 
-TEST_F(DhApi, ParameterConversionsAndDescription) {
     auto area = config_param<&fake_handler::set_area>::create(
         db, "config/ospf/e27/areaId", handler, [] { return std::string(); }, "e27");
     area->set_allowed_values({"0.0.0.0", "0.0.0.1"});
@@ -210,6 +207,9 @@ TEST_F(DhApi, ParameterConversionsAndDescription) {
         config_param<&fake_handler::set_metric>::create(db, "config/m", handler, nullptr, "e3");
     metric->set_grid_range(1, 65535, 1);
     EXPECT_EQ(info(*metric, "constraints"), R"({"min":1,"max":65535,"grid":1})");
+
+    handler.reset();
+    EXPECT_EQ(error_of([&] { write(*node, "8"); }), "-2 Object has been removed");
 }
 
 TEST_F(DhApi, CommandAndVolatileValueCallTheMethodEachTime) {
@@ -256,7 +256,9 @@ using pushed_number = hysteresis_filtered_value<pushed_volatile_value_impl<doubl
 using polled_margin =
     hysteresis_filtered_value<polled_volatile_value_impl<&fake_handler::get_margin>>;
 
-TEST_F(DhApi, EqualAndCustomFiltersPublishEveryChangeOrWhatThePredicateAccepts) {
+// The equal filter publishes every change, a custom one what its predicate accepts, and the
+// default one large changes at once and lasting ones later.
+TEST_F(DhApi, HysteresisFilters) {
     auto node = hysteresis_filtered_value<pushed_volatile_value_impl<std::string>>::create(
         db, "data/e1/linkStatus");
     EXPECT_EQ(error_of([&] { read(*node); }), "-61 Value has not been set");
@@ -271,12 +273,10 @@ TEST_F(DhApi, EqualAndCustomFiltersPublishEveryChangeOrWhatThePredicateAccepts) 
     for (double v : {5.0, 3.0, 7.0, 6.0}) rising->set_value(v);
     EXPECT_EQ(read(*rising), "7.0");
     EXPECT_EQ(rising->value(), 6.0);  // the last value set, published or not
-}
 
-TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
-    auto node =
+    auto t =
         pushed_number::create(db, "data/t", hysteresis_filter<double>::make_default(5.0, 1.0, 2));
-    subscribe(*node, alice);
+    subscribe(*t, bob);
     // Each step: a value set, ticks, then the published value. Both limits are inclusive.
     // The first value is always published; 10.5 is below the delayed limit; 11.0, exactly at
     // it, waits, and the wait goes on with 12.5; 11.5 waits until 12.2, close to the published
@@ -285,12 +285,12 @@ TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
         {10.0, 0, "10.0"}, {10.5, 2, "10.0"}, {11.0, 1, "10.0"}, {12.5, 1, "12.5"},
         {11.5, 1, "12.5"}, {12.2, 2, "12.5"}, {17.5, 0, "17.5"}};
     for (const auto& [value, ticks, published] : steps) {
-        node->set_value(value);
-        for (int i = 0; i < ticks; ++i) node->periodic_task(false);
-        EXPECT_EQ(read(*node), published) << value;
+        t->set_value(value);
+        for (int i = 0; i < ticks; ++i) t->periodic_task(false);
+        EXPECT_EQ(read(*t), published) << value;
     }
-    EXPECT_EQ(alice->values, (strings{"10.0", "12.5", "17.5"}));
-    EXPECT_EQ(info(*node, "hysteresis"),
+    EXPECT_EQ(bob->values, (strings{"10.0", "12.5", "17.5"}));
+    EXPECT_EQ(info(*t, "hysteresis"),
               R"({"filter":"default","ImmediateLimit":5.0,"delayedLimit":1.0,"delayCycles":2})");
 }
 

@@ -129,8 +129,7 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     const auto open_now = std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                                         std::filesystem::directory_iterator{});
-    rlimit low = saved;
-    low.rlim_cur = static_cast<rlim_t>(open_now + 32);
+    const rlimit low{static_cast<rlim_t>(open_now + 32), saved.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
     // Take every descriptor but one; the client takes that one, so the server cannot accept.
     std::vector<int> filler;
