@@ -30,8 +30,7 @@ TEST(path_pattern, WildcardsMatchWholeSegments) {
 }
 
 // Interface-like leaves: e1 immediate, e3 failing on every read, e4 answered on the workers.
-class leaf_sets : public server_fixture {
-  protected:
+struct leaf_sets : server_fixture {
     void before_start() override {
         e1 = add<value_node>(s.db, "data/e1/linkStatus", false);
         add<tricky_node>(s.db, "data/e3/linkStatus", false);
@@ -116,8 +115,7 @@ TEST_F(leaf_sets, SyncSaysWhenTheHistoryNoLongerReachesBack) {
 
 // A value that changes while a subscription registers: once just before (the event is only in
 // the history) and once just after (the event also reaches the new subscriber at once).
-class racing_node : public value_node {
-  public:
+struct racing_node : value_node {
     using value_node::value_node;
     void subscribe(const std::shared_ptr<dh_session>& s, std::string_view path, dh::Allocator& a,
                    dh::Value& out, std::unique_lock<std::mutex>& lock) override {
@@ -134,10 +132,9 @@ TEST_F(leaf_sets, ChangesWhileResumingAreNeitherLostNorRepeated) {
     EXPECT_TRUE(c.send_line(
         req("1", "subscribe", fmt::format(R"({{"path":"config/racing","since_seq":{}}})", since))));
     EXPECT_EQ(to_json_text(c.read_json()["result"]), R"("before")");
-    EXPECT_EQ(event_of(c.read_json()),
-              std::make_pair(std::string(R"(config/racing="before")"), since + 1));
-    EXPECT_EQ(event_of(c.read_json()),
-              std::make_pair(std::string(R"(config/racing="after")"), since + 2));
+    for (std::uint64_t seq = since + 1; const char* value : {"before", "after"})
+        EXPECT_EQ(event_of(c.read_json()),
+                  std::pair(fmt::format(R"(config/racing="{}")", value), seq++));
     EXPECT_EQ(std::string(c.read_json()["method"].GetString()), "sync");
     expect_nothing_pending(c);
 }

@@ -17,10 +17,9 @@ struct clog_capture {
 
 TEST(MsgLog, ClientTextCannotStartALineOrWriteRawControlBytesButKeepsTheRest) {
     msg_log_slg::construct_logger();
-    const std::string forged = std::string(
-                                   "bad value \n2026-11-23T08:00:00.000Z critical [server] "
-                                   "FORGED\r\x1b[2J end") +
-                               std::string(1, '\0') + "\x7f\t.";
+    using namespace std::string_literals;
+    const std::string forged =
+        "bad value \n2026-11-23T08:00:00.000Z critical [server] FORGED\r\x1b[2J end\0\x7f\t."s;
     clog_capture cap;
     MSG_LOG(3, "test") << forged;
     const std::string out = cap.out.str();

@@ -22,8 +22,7 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-class ManualScheduler : public testing::Test {
-  protected:
+struct ManualScheduler : testing::Test {
     dh::manual_scheduler sched;
     const dh::clock::time_point start = sched.time().now();
     strings ran;

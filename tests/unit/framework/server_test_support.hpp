@@ -209,44 +209,38 @@ class value_node : public dh_db_event_node {
 };
 
 // A slow read on the workers: get waits until the test opens the gate.
-class gated_node : public dh_db_leaf_node {
-  public:
+struct gated_node : dh_db_leaf_node {
     explicit gated_node(dh_db& db) : dh_db_leaf_node(db, {"data", "slow"}) {}
     void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
         ++waiting;
-        opened_.wait(false);
+        opened.wait(false);
         out.SetString("slow", a);
     }
     bool is_async() override { return true; }
     void open() {
-        opened_ = true;
-        opened_.notify_all();
+        opened = true;
+        opened.notify_all();
     }
 
     std::atomic<int> waiting{0};
-
-  private:
-    std::atomic<bool> opened_{false};
+    std::atomic<bool> opened{false};
 };
 
 // Fails with a dh_error (get) or any other exception (run); with `echo`, a run answers
 // {"echo": value} instead, on the workers.
-class tricky_node : public dh_db_leaf_node {
-  public:
+struct tricky_node : dh_db_leaf_node {
     tricky_node(dh_db& db, const std::string& path, bool echo)
-        : dh_db_leaf_node(db, dh_db::split_path(path)), echo_(echo) {}
+        : dh_db_leaf_node(db, dh_db::split_path(path)), echo(echo) {}
     void get(std::string_view, dh::Allocator&, dh::Value&) override {
         throw dh_error(-5, "Input/output error");
     }
     void run(std::string_view, const dh::Value& in, dh::Allocator& a, dh::Value& out) override {
-        if (!echo_) throw std::runtime_error("boom");
+        if (!echo) throw std::runtime_error("boom");
         out.SetObject();
         out.AddMember("echo", dh::Value(in, a), a);
     }
-    bool is_async() override { return echo_; }
-
-  private:
-    const bool echo_;
+    bool is_async() override { return echo; }
+    const bool echo;
 };
 
 template <typename Node, typename... Args>
@@ -285,8 +279,7 @@ struct test_server {
 };
 
 // A served test_server with the small node kinds above and heartbeats on a manual clock.
-class server_fixture : public ::testing::Test {
-  protected:
+struct server_fixture : ::testing::Test {
     void SetUp() override {
         param = add<value_node>(s.db, "config/ospf/areaId", false);
         async_param = add<value_node>(s.db, "config/ntp/server", true);

@@ -89,9 +89,7 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
     std::size_t sent = 0;
     const auto deadline = std::chrono::steady_clock::now() + 20s;
     while (param->unsubscribes.load() == 0 && std::chrono::steady_clock::now() < deadline) {
-        dh::Document v;
-        v.SetString((big + std::to_string(sent++)).c_str(), v.GetAllocator());
-        param->set("", v);
+        set(*param, '"' + big + std::to_string(sent++) + '"');
         // The reader keeps up, and a third client is answered between events.
         ASSERT_TRUE(reader.read_line()) << "event " << sent;
         ASSERT_TRUE(answers(busy));

@@ -57,8 +57,7 @@ struct fake_commits : dh::commit_service {
 
 namespace {
 
-class server_writes : public server_fixture {
-  protected:
+struct server_writes : server_fixture {
     void before_start() override {
         s.srv.set_commit_service(commits);
         for (const char* name : {"a", "b"})
