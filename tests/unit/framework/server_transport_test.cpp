@@ -28,8 +28,10 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
     {
         device_handler_api api(sock_dir, 0, true);
         const auto st = std::filesystem::status(api.socket_path());
-        EXPECT_EQ(std::pair(st.type(), st.permissions()),
-                  std::pair(std::filesystem::file_type::socket, std::filesystem::perms(0660)));
+        // A socket, and its mode in octal.
+        EXPECT_EQ(fmt::format("{} {:o}", st.type() == std::filesystem::file_type::socket,
+                              static_cast<unsigned>(st.permissions())),
+                  "true 660");
         // IPv6 is bound to an interface that must exist (the limits test uses it on lo).
         EXPECT_THROW(api.start_ipv6_socket("no-such-if0"), std::system_error);
         // Children the daemon starts must not inherit its listening sockets.
