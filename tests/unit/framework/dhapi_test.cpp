@@ -57,21 +57,15 @@ struct fake_handler {
 
 namespace {
 
-// A session that records the value of every event nodes deliver to it, as JSON text.
-class recording_session : public dh_session {
-  public:
-    void deliver(std::shared_ptr<const std::string> line) override {
-        std::lock_guard lock(mutex_);
-        values_.push_back(to_json_text(parse(*line)["params"]["value"]));
-    }
-    std::vector<std::string> values() const {
-        std::lock_guard lock(mutex_);
-        return values_;
-    }
+using strings = std::vector<std::string>;
 
-  private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> values_;
+// A session that records the value of every event nodes deliver to it, as JSON text; nodes
+// driven directly deliver on the test's thread.
+struct recording_session : dh_session {
+    void deliver(std::shared_ptr<const std::string> line) override {
+        values.push_back(to_json_text(parse(*line)["params"]["value"]));
+    }
+    strings values;
 };
 
 // Subscribes `session` to `node`; answers what the subscription answered, as JSON text.
@@ -103,23 +97,15 @@ std::string info(dh_db_leaf_node& node, const char* member) {
 // The code and text of the dh_error f throws.
 template <class F>
 std::string error_of(F&& f) {
-    try {
-        f();
-    } catch (const dh_error& e) {
-        return fmt::format("{} {}", e.code(), e.message());
-    }
-    return "no dh_error";
+    return server_test::thrown<dh_error>(
+        f, [](const dh_error& e) { return fmt::format("{} {}", e.code(), e.message()); });
 }
-
 // What from_json<T> says it expected and got for `text`.
 template <class T>
 std::string mismatch(const char* text) {
-    try {
-        from_json<T>(parse(text));
-    } catch (const json_value_conversion_error& e) {
-        return e.expected + ", " + e.actual;
-    }
-    return "accepted";
+    return server_test::thrown<json_value_conversion_error>(
+        [&] { from_json<T>(parse(text)); },
+        [](const auto& e) { return e.expected + ", " + e.actual; });
 }
 
 struct DhApi : ::testing::Test {
@@ -128,10 +114,6 @@ struct DhApi : ::testing::Test {
     std::shared_ptr<recording_session> alice = std::make_shared<recording_session>();
     std::shared_ptr<recording_session> bob = std::make_shared<recording_session>();
 };
-
-using strings = std::vector<std::string>;
-
-}  // namespace
 
 TEST(DhApiConversion, TypeNamesAcceptedValuesAndMismatches) {
     // The mismatches below name null, string, float and 64-bit unsigned as well.
@@ -157,8 +139,9 @@ TEST(DhApiConversion, TypeNamesAcceptedValuesAndMismatches) {
     EXPECT_EQ(mismatch<dh::Document>("42"), "object or array, 32-bit unsigned integer");
 
     dh::Document d;
-    const auto inf = std::numeric_limits<double>::infinity();
-    EXPECT_EQ(to_json_text(to_json_value(inf, d.GetAllocator())), "null");
+    EXPECT_EQ(
+        to_json_text(to_json_value(std::numeric_limits<double>::infinity(), d.GetAllocator())),
+        "null");
     EXPECT_EQ(to_json_text(to_json_value(family::ipv6, d.GetAllocator())), "1");
 }
 
@@ -171,34 +154,33 @@ TEST_F(DhApi, ParameterWritesReachTheMethodOnlyWhenTheValueChanges) {
     EXPECT_EQ(db.find_leaf_node("config/e13.21/adminStatus"), node);
     EXPECT_EQ(subscribe(*node, alice), "\"up\"");
     EXPECT_EQ(subscribe(*node, bob), "\"up\"");
-    EXPECT_EQ(alice->values(), strings{"\"up\""});  // each subscriber gets its own initial value
+    EXPECT_EQ(alice->values, strings{"\"up\""});  // each subscriber gets its own initial value
 
     for (const char* value : {"\"up\"", "\"down\"", "\"down\""}) write(*node, value);
     ASSERT_EQ(handler->calls, strings{"e13.21 21 down"});
     EXPECT_EQ(read(*node), "\"down\"");
-    EXPECT_EQ(alice->values(), (strings{"\"up\"", "\"down\""}));
-    EXPECT_EQ(bob->values().size(), 2u);
+    EXPECT_EQ(alice->values, (strings{"\"up\"", "\"down\""}));
+    EXPECT_EQ(bob->values.size(), 2u);
 
     // A refusing method leaves the value and sends nothing.
     handler->fail = true;
     EXPECT_EQ(error_of([&] { write(*node, "\"bogus\""); }), "-22 refused");
     EXPECT_EQ(read(*node), "\"down\"");
-    EXPECT_EQ(alice->values().size(), 2u);
+    EXPECT_EQ(alice->values.size(), 2u);
 
     // Non-text values reach a text parameter as their JSON text.
     handler->fail = false;
-    write(*node, "5");
-    write(*node, "{\"a\":1}");
+    for (const char* value : {"5", "{\"a\":1}"}) write(*node, value);
     EXPECT_EQ(handler->calls, (strings{"e13.21 21 down", "e13.21 21 5", "e13.21 21 {\"a\":1}"}));
 }
 
-TEST_F(DhApi, ParameterWithoutValueAndGoneHandler) {
+TEST_F(DhApi, ParameterWithoutValueConversionsDescriptionAndGoneHandler) {
     auto node = config_param<&fake_handler::set_metric>::create(
         db, "config/ospf/e2/metric", handler,
         []() -> unsigned { throw dh_error(-5, "datastore down"); }, "e2");
     EXPECT_EQ(read(*node), "null");
     EXPECT_EQ(subscribe(*node, alice), "null");
-    EXPECT_TRUE(alice->values().empty());
+    EXPECT_TRUE(alice->values.empty());
     EXPECT_THROW(write(*node, "-1"), json_value_conversion_error);
 
     write(*node, "7");
@@ -206,11 +188,7 @@ TEST_F(DhApi, ParameterWithoutValueAndGoneHandler) {
 
     node->reset();
     EXPECT_EQ(read(*node), "null");
-    handler.reset();
-    EXPECT_EQ(error_of([&] { write(*node, "8"); }), "-2 Object has been removed");
-}
 
-TEST_F(DhApi, ParameterConversionsAndDescription) {
     auto area = config_param<&fake_handler::set_area>::create(
         db, "config/ospf/e27/areaId", handler, [] { return std::string(); }, "e27");
     area->set_allowed_values({"0.0.0.0", "0.0.0.1"});
@@ -229,6 +207,9 @@ TEST_F(DhApi, ParameterConversionsAndDescription) {
         config_param<&fake_handler::set_metric>::create(db, "config/m", handler, nullptr, "e3");
     metric->set_grid_range(1, 65535, 1);
     EXPECT_EQ(info(*metric, "constraints"), R"({"min":1,"max":65535,"grid":1})");
+
+    handler.reset();
+    EXPECT_EQ(error_of([&] { write(*node, "8"); }), "-2 Object has been removed");
 }
 
 TEST_F(DhApi, CommandAndVolatileValueCallTheMethodEachTime) {
@@ -256,39 +237,35 @@ TEST_F(DhApi, StatusValueRisesAtOnceAndFallsAfterTheDelay) {
     EXPECT_EQ(read(*node), "false");
     EXPECT_EQ(subscribe(*node, alice), "false");
 
-    node->set(true);
-    EXPECT_EQ(read(*node), "true");
-    EXPECT_EQ(alice->values(), (strings{"false", "true"}));
-
-    node->set(false);
-    node->periodic_task(false);
-    EXPECT_EQ(read(*node), "true");
-    node->periodic_task(false);
-    EXPECT_EQ(alice->values(), (strings{"false", "true", "false"}));
-
-    // A fall undone within the delay reaches nobody.
-    node->set(true);
-    node->set(false);
-    node->periodic_task(false);
-    node->set(true);
-    node->periodic_task(false);
-    node->periodic_task(false);
-    EXPECT_EQ(alice->values().size(), 4u);
-    EXPECT_EQ(read(*node), "true");
+    // Each step: sets ('1', '0') and ticks ('.'), then the value read and the events so far.
+    const std::tuple<const char*, const char*, strings> steps[] = {
+        {"1", "true", {"false", "true"}},
+        {"0.", "true", {"false", "true"}},
+        {".", "false", {"false", "true", "false"}},
+        // A fall undone within the delay reaches nobody.
+        {"10.1..", "true", {"false", "true", "false", "true"}}};
+    for (const auto& [script, value, sent] : steps) {
+        for (const char ch : std::string_view(script))
+            ch == '.' ? node->periodic_task(false) : node->set(ch == '1');
+        EXPECT_EQ(read(*node), value) << script;
+        EXPECT_EQ(alice->values, sent) << script;
+    }
 }
 
 using pushed_number = hysteresis_filtered_value<pushed_volatile_value_impl<double>>;
 using polled_margin =
     hysteresis_filtered_value<polled_volatile_value_impl<&fake_handler::get_margin>>;
 
-TEST_F(DhApi, EqualAndCustomFiltersPublishEveryChangeOrWhatThePredicateAccepts) {
+// The equal filter publishes every change, a custom one what its predicate accepts, and the
+// default one large changes at once and lasting ones later.
+TEST_F(DhApi, HysteresisFilters) {
     auto node = hysteresis_filtered_value<pushed_volatile_value_impl<std::string>>::create(
         db, "data/e1/linkStatus");
     EXPECT_EQ(error_of([&] { read(*node); }), "-61 Value has not been set");
     EXPECT_EQ(subscribe(*node, alice), "null");
     for (const char* v : {"down", "down", "up"}) node->set_value(v);
     EXPECT_EQ(read(*node), "\"up\"");
-    EXPECT_EQ(alice->values(), (strings{"\"down\"", "\"up\""}));
+    EXPECT_EQ(alice->values, (strings{"\"down\"", "\"up\""}));
 
     auto rising = pushed_number::create(
         db, "data/r",
@@ -296,12 +273,10 @@ TEST_F(DhApi, EqualAndCustomFiltersPublishEveryChangeOrWhatThePredicateAccepts) 
     for (double v : {5.0, 3.0, 7.0, 6.0}) rising->set_value(v);
     EXPECT_EQ(read(*rising), "7.0");
     EXPECT_EQ(rising->value(), 6.0);  // the last value set, published or not
-}
 
-TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
-    auto node =
+    auto t =
         pushed_number::create(db, "data/t", hysteresis_filter<double>::make_default(5.0, 1.0, 2));
-    subscribe(*node, alice);
+    subscribe(*t, bob);
     // Each step: a value set, ticks, then the published value. Both limits are inclusive.
     // The first value is always published; 10.5 is below the delayed limit; 11.0, exactly at
     // it, waits, and the wait goes on with 12.5; 11.5 waits until 12.2, close to the published
@@ -310,12 +285,12 @@ TEST_F(DhApi, DefaultFilterPublishesLargeChangesAtOnceAndLastingOnesLater) {
         {10.0, 0, "10.0"}, {10.5, 2, "10.0"}, {11.0, 1, "10.0"}, {12.5, 1, "12.5"},
         {11.5, 1, "12.5"}, {12.2, 2, "12.5"}, {17.5, 0, "17.5"}};
     for (const auto& [value, ticks, published] : steps) {
-        node->set_value(value);
-        for (int i = 0; i < ticks; ++i) node->periodic_task(false);
-        EXPECT_EQ(read(*node), published) << value;
+        t->set_value(value);
+        for (int i = 0; i < ticks; ++i) t->periodic_task(false);
+        EXPECT_EQ(read(*t), published) << value;
     }
-    EXPECT_EQ(alice->values(), (strings{"10.0", "12.5", "17.5"}));
-    EXPECT_EQ(info(*node, "hysteresis"),
+    EXPECT_EQ(bob->values, (strings{"10.0", "12.5", "17.5"}));
+    EXPECT_EQ(info(*t, "hysteresis"),
               R"({"filter":"default","ImmediateLimit":5.0,"delayedLimit":1.0,"delayCycles":2})");
 }
 
@@ -342,8 +317,6 @@ TEST_F(DhApi, PolledValueCountsItsIntervalAndKeepsTheLastValueOnErrors) {
     EXPECT_EQ(read(*node), "9.0");
 }
 
-namespace {
-
 struct ticking_node : dh_db_leaf_node {
     using dh_db_leaf_node::dh_db_leaf_node;
     void periodic_task(bool immediate) override {
@@ -353,8 +326,6 @@ struct ticking_node : dh_db_leaf_node {
     std::atomic<unsigned> ticks{0};
     std::atomic<bool> fail{false};
 };
-
-}  // namespace
 
 TEST(DhApiValueGroup, TicksFromItsPhaseSurvivesFailuresAndEndsWithTheGroup) {
     dh_db db;
@@ -372,9 +343,8 @@ TEST(DhApiValueGroup, TicksFromItsPhaseSurvivesFailuresAndEndsWithTheGroup) {
         sched.advance(199ms);
         EXPECT_EQ(monitored->ticks, 0u);
         sched.advance(21ms);  // the first tick at the phase, then every 5 ms
-        EXPECT_EQ(monitored->ticks, 5u);
-        EXPECT_EQ(broken->ticks, 5u);
-        EXPECT_EQ(plain->ticks, 0u);
+        EXPECT_EQ(std::tuple(monitored->ticks.load(), broken->ticks.load(), plain->ticks.load()),
+                  std::tuple(5u, 5u, 0u));
         broken.reset();
         EXPECT_EQ(group.size(), 2u);
         sched.advance(5ms);
@@ -408,3 +378,5 @@ TEST(DhApiValueGroup, OwnerReleasedFromItsJob) {
     sched.run_pending();
     EXPECT_TRUE(done);
 }
+
+}  // namespace

@@ -4,28 +4,20 @@
 
 #include "dh_client.hpp"
 #include "dhctl_view.hpp"
+#include "server_test_support.hpp"
 
 namespace dc = dh::client;
-
-namespace {
-
-rapidjson::Document json(const char* text) {
-    rapidjson::Document d;
-    d.Parse(text);
-    return d;
-}
-
-}  // namespace
+using server_test::parse;
 
 // A number with its unit ("-3.98 dBm") is the end-to-end dhctl test's.
 TEST(DhctlView, OnlyNumbersCarryTheUnitOfTheirDescription) {
-    EXPECT_EQ(dc::unit_of(json(R"({"unit":5})")), "");
-    EXPECT_EQ(dc::unit_of(json(R"("dBm")")), "");
+    for (const char* description : {R"({"unit":5})", R"("dBm")"})
+        EXPECT_EQ(dc::unit_of(parse(description)), "") << description;
 
-    EXPECT_EQ(dc::display_with_unit(json("40"), "", true), "40");
+    EXPECT_EQ(dc::display_with_unit(parse("40"), "", true), "40");
     // A value that is not set, or not a number, is shown as it is.
-    EXPECT_EQ(dc::display_with_unit(json(R"("up")"), "dBm", true), "up");
-    EXPECT_EQ(dc::display_with_unit(json("[1]"), "dBm", false), "[1]");
+    EXPECT_EQ(dc::display_with_unit(parse(R"("up")"), "dBm", true), "up");
+    EXPECT_EQ(dc::display_with_unit(parse("[1]"), "dBm", false), "[1]");
 }
 
 TEST(DhctlView, TableKeepsOneRowPerPathInOrderAlignedByCharacters) {
@@ -33,9 +25,9 @@ TEST(DhctlView, TableKeepsOneRowPerPathInOrderAlignedByCharacters) {
     table.add("data/e13/sfp/temperatureMargin", "°C");
     table.add("data/configStatus", "");
     table.add("data/e13/sfp/temperatureMargin", "dBm");  // already there: the first row stays
-    table.update("data/configStatus", json("true"), "2026-11-21T10:00:00.120Z");
-    table.update("data/e13/sfp/temperatureMargin", json("33.5"), "2026-11-21T10:00:01.005Z");
-    table.update("data/unknown", json("1"), "2026-11-21T10:00:02.000Z");
+    table.update("data/configStatus", parse("true"), "2026-11-21T10:00:00.120Z");
+    table.update("data/e13/sfp/temperatureMargin", parse("33.5"), "2026-11-21T10:00:01.005Z");
+    table.update("data/unknown", parse("1"), "2026-11-21T10:00:02.000Z");
     EXPECT_EQ(table.lines(), 3u);
     // "33.5 °C" is seven characters wide but eight bytes long: the columns count characters.
     EXPECT_EQ(table.render(),
@@ -50,15 +42,10 @@ TEST(DhctlView, TableShowsRowsWithoutValueAndCutsLongValuesAtACharacter) {
     EXPECT_EQ(table.render(),
               "PATH                      VALUE  UPDATED\ndata/any/lldp/neighbours\n");
 
-    std::string text(dc::live_table::max_value_width - 4, 'x');
-    text += "°°°°°°";
-    rapidjson::Document long_value;
-    long_value.SetString(text.c_str(), long_value.GetAllocator());
-    table.update("data/any/lldp/neighbours", long_value, "10:00:00");
+    const std::string xs(dc::live_table::max_value_width - 4, 'x');
+    table.update("data/any/lldp/neighbours", parse('"' + xs + "°°°°°°\""), "10:00:00");
     const std::string row = table.render().substr(table.render().find('\n') + 1);
-    const std::string expected_value =
-        std::string(dc::live_table::max_value_width - 4, 'x') + "°...";
-    EXPECT_EQ(row, "data/any/lldp/neighbours  " + expected_value + "  10:00:00\n");
+    EXPECT_EQ(row, "data/any/lldp/neighbours  " + xs + "°...  10:00:00\n");
 }
 
 TEST(DhctlView, PatternsAreWholeWildcardSegmentsAndTheirReadsLineUp) {

@@ -21,8 +21,7 @@ TEST(path_pattern, WildcardsMatchWholeSegments) {
         {"data/e13/...", "data/e13/present", true},
         {"data/e13/...", "data/e13", false},
         {"data/e13/...", "data/e130/present", false},
-        {"...", "a", true},
-    };
+        {"...", "a", true}};
     for (const auto& [pattern, path, expected] : cases)
         EXPECT_EQ(dh::path_pattern::parse(pattern)->matches(path), expected)
             << pattern << " ~ " << path;
@@ -31,8 +30,7 @@ TEST(path_pattern, WildcardsMatchWholeSegments) {
 }
 
 // Interface-like leaves: e1 immediate, e3 failing on every read, e4 answered on the workers.
-class leaf_sets : public server_fixture {
-  protected:
+struct leaf_sets : server_fixture {
     void before_start() override {
         e1 = add<value_node>(s.db, "data/e1/linkStatus", false);
         add<tricky_node>(s.db, "data/e3/linkStatus", false);
@@ -48,7 +46,7 @@ class leaf_sets : public server_fixture {
 TEST_F(leaf_sets, PatternReadAnswersEveryLeafAndEachFailure) {
     set(*e1, R"("up")");
     set(*e4, R"("up")");
-    auto c = connect();
+    auto c = s.connect();
     // e4 is slow: the whole read goes to the workers and answers the same.
     EXPECT_EQ(result(c, "get", R"({"path":"data/*/linkStatus"})"),
               R"({"values":{"data/e1/linkStatus":"up","data/e4/linkStatus":"up"},)"
@@ -69,7 +67,7 @@ TEST_F(leaf_sets, PatternSubscriptionsStartResumeAndEnd) {
     set(*y, "20");
     set(*e1, R"("up")");  // not under the pattern
     set(*x, "2");
-    auto c = connect();
+    auto c = s.connect();
     // The current values answer and come as events as well (y's on the workers).
     auto lines = exchange(c, "1", "subscribe", R"({"path":"config/*"})");
     EXPECT_EQ(to_json_text(lines.back()["result"]),
@@ -104,7 +102,7 @@ TEST_F(leaf_sets, SyncSaysWhenTheHistoryNoLongerReachesBack) {
     const std::pair<std::uint64_t, bool> cases[] = {
         {since, true}, {since - 1, false}, {since + 5000, false}};
     for (const auto& [from, complete] : cases) {
-        auto c = connect();
+        auto c = s.connect();
         exchange(c, "1", "subscribe", fmt::format(R"({{"path":"config/x","since_seq":{}}})", from));
         std::size_t replayed = 0;
         auto d = c.read_json();
@@ -117,8 +115,7 @@ TEST_F(leaf_sets, SyncSaysWhenTheHistoryNoLongerReachesBack) {
 
 // A value that changes while a subscription registers: once just before (the event is only in
 // the history) and once just after (the event also reaches the new subscriber at once).
-class racing_node : public value_node {
-  public:
+struct racing_node : value_node {
     using value_node::value_node;
     void subscribe(const std::shared_ptr<dh_session>& s, std::string_view path, dh::Allocator& a,
                    dh::Value& out, std::unique_lock<std::mutex>& lock) override {
@@ -130,21 +127,20 @@ class racing_node : public value_node {
 
 TEST_F(leaf_sets, ChangesWhileResumingAreNeitherLostNorRepeated) {
     add<racing_node>(s.db, "config/racing", false);
-    auto c = connect();
+    auto c = s.connect();
     const std::uint64_t since = s.db.latest_seq();
     EXPECT_TRUE(c.send_line(
         req("1", "subscribe", fmt::format(R"({{"path":"config/racing","since_seq":{}}})", since))));
     EXPECT_EQ(to_json_text(c.read_json()["result"]), R"("before")");
-    EXPECT_EQ(event_of(c.read_json()),
-              std::make_pair(std::string(R"(config/racing="before")"), since + 1));
-    EXPECT_EQ(event_of(c.read_json()),
-              std::make_pair(std::string(R"(config/racing="after")"), since + 2));
+    for (std::uint64_t seq = since + 1; const char* value : {"before", "after"})
+        EXPECT_EQ(event_of(c.read_json()),
+                  std::pair(fmt::format(R"(config/racing="{}")", value), seq++));
     EXPECT_EQ(std::string(c.read_json()["method"].GetString()), "sync");
     expect_nothing_pending(c);
 }
 
 TEST_F(leaf_sets, HeartbeatsFillSilenceOnTheConnection) {
-    auto c = connect();
+    auto c = s.connect();
     for (const char* bad : {R"("heartbeat":3601)", R"("heartbeat":-1)", R"("heartbeat":"5")",
                             R"("since_seq":-1)", R"("since_seq":1.5)"})
         EXPECT_EQ(result(c, "subscribe", fmt::format(R"({{"path":"config/x",{}}})", bad)),

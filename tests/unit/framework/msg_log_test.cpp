@@ -9,26 +9,20 @@
 namespace {
 
 // What the standard-error sink writes while it lives.
-class clog_capture {
-  public:
-    clog_capture() : old_(std::clog.rdbuf(out_.rdbuf())) {}
-    ~clog_capture() { std::clog.rdbuf(old_); }
-    std::string text() const { return out_.str(); }
-
-  private:
-    std::ostringstream out_;
-    std::streambuf* old_;
+struct clog_capture {
+    std::ostringstream out;
+    std::streambuf* const old = std::clog.rdbuf(out.rdbuf());
+    ~clog_capture() { std::clog.rdbuf(old); }
 };
 
 TEST(MsgLog, ClientTextCannotStartALineOrWriteRawControlBytesButKeepsTheRest) {
     msg_log_slg::construct_logger();
-    const std::string forged = std::string(
-                                   "bad value \n2026-11-23T08:00:00.000Z critical [server] "
-                                   "FORGED\r\x1b[2J end") +
-                               std::string(1, '\0') + "\x7f\t.";
+    using namespace std::string_literals;
+    const std::string forged =
+        "bad value \n2026-11-23T08:00:00.000Z critical [server] FORGED\r\x1b[2J end\0\x7f\t."s;
     clog_capture cap;
     MSG_LOG(3, "test") << forged;
-    const std::string out = cap.text();
+    const std::string out = cap.out.str();
     // One line, with every control byte of the message escaped in place.
     ASSERT_EQ(out.find('\n'), out.size() - 1) << out;
     EXPECT_NE(out.find("[test] bad value \\n2026-11-23T08:00:00.000Z critical [server] FORGED\\r"

@@ -66,8 +66,7 @@ TEST(line_parser, LimitsAndMalformedText) {
     EXPECT_EQ(p.parse(cut.data(), cut.size()), line_parser::outcome::parse_error);
     // The document of one line does not leak into the next.
     ASSERT_EQ(parse(R"({"x":"second"})"), line_parser::outcome::parsed);
-    EXPECT_FALSE(p.document().HasMember("a"));
-    EXPECT_STREQ(p.document()["x"].GetString(), "second");
+    EXPECT_EQ(dh::api::to_json_text(p.document()), R"({"x":"second"})");
 }
 
 TEST(envelope, IdsMethodsAndVersions) {
@@ -84,8 +83,7 @@ TEST(envelope, IdsMethodsAndVersions) {
         {R"({"id":3,"method":"get"})", false, true, "3"},
         {R"({"jsonrpc":"2.0","id":3,"method":7})", false, true, "3"},
         {R"({"jsonrpc":"2.0","method":[]})", false, true, ""},
-        {R"([1])", false, true, ""},
-    };
+        {R"([1])", false, true, ""}};
     for (const auto& [text, valid, answered, id] : cases) {
         rapidjson::Document d;
         d.Parse(text);

@@ -22,8 +22,7 @@ namespace {
 
 using strings = std::vector<std::string>;
 
-class ManualScheduler : public testing::Test {
-  protected:
+struct ManualScheduler : testing::Test {
     dh::manual_scheduler sched;
     const dh::clock::time_point start = sched.time().now();
     strings ran;
@@ -61,8 +60,7 @@ TEST_F(ManualScheduler, RunsWorkInTimeOrderAtItsOwnTime) {
 TEST_F(ManualScheduler, CancelledWorkNeverRuns) {
     const auto once = sched.after(10ms, note("once"));
     const auto periodic = sched.every(10ms, 10ms, note("periodic"));
-    dh::scheduler::task_id self = 0;
-    self = sched.every(10ms, 0ms, [&] {
+    const dh::scheduler::task_id self = sched.every(10ms, 0ms, [&] {
         note("self")();
         sched.cancel(self);
     });

@@ -10,10 +10,8 @@
 namespace server_test {
 namespace {
 
-using dh::server::permits;
-using dh::server::role;
-using dh::server::role_map;
-using dh::server::codec::method_id;
+using namespace dh::server;
+using codec::method_id;
 
 const std::string& cert_dir() {
     static const std::string dir = [] {
@@ -35,12 +33,11 @@ const char* roles_json = R"({
 })";
 
 dh::server::options tls_options(bool plain_tcp) {
-    dh::server::options opts;
-    opts.tls = dh::server::tls_options{0, cert("server.pem"), cert("server.key"), cert("ca.pem")};
-    opts.roles = std::make_shared<role_map>(role_map::parse(roles_json, "test"));
-    opts.admin_only = {"command/reboot"};
-    opts.plain_tcp = plain_tcp;
-    return opts;
+    return {
+        .tls = dh::server::tls_options{0, cert("server.pem"), cert("server.key"), cert("ca.pem")},
+        .plain_tcp = plain_tcp,
+        .roles = std::make_shared<role_map>(role_map::parse(roles_json, "test")),
+        .admin_only = {"command/reboot"}};
 }
 
 struct tls_server : test_server {
@@ -58,11 +55,8 @@ struct tls_server : test_server {
     }
 };
 
-// What the server answered a refused call, as the client library reports it.
-template <typename F>
-std::string refusal(F&& call) {
-    return thrown<dh::client::rpc_error>(call);
-}
+using dh::client::rpc_error;
+// What the server answers a refused call, as the client library reports it.
 const std::string denied = "error -32003: Permission denied";
 
 TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
@@ -70,13 +64,13 @@ TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
     const rapidjson::Value one(1);
     auto monitor = s.as("monitor");
     EXPECT_STREQ(monitor.get("data/version").GetString(), "1.2.3");
-    EXPECT_EQ(refusal([&] { monitor.set("config/x", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { monitor.set("config/x", one); }), denied);
 
     auto op = s.as("operator");
     op.set("config/x", one);
-    EXPECT_EQ(refusal([&] { op.run("command/reboot", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { op.run("command/reboot", one); }), denied);
     // Refused before the path is looked up, so roles do not reveal which nodes exist.
-    EXPECT_EQ(refusal([&] { monitor.set("no/such/node", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { monitor.set("no/such/node", one); }), denied);
 
     auto admin = s.as("admin");
     EXPECT_EQ(admin.run("command/reboot", one)["echo"].GetInt(), 1);
@@ -87,22 +81,18 @@ TEST(server_tls, EachCertificateGetsTheRoleItIsMappedTo) {
     // Plain TCP clients get the role file's plainTcp role, monitor by default.
     auto plain = dh::client::client::tcp("127.0.0.1", std::to_string(s.srv.tcp_port()));
     EXPECT_STREQ(plain.get("data/version").GetString(), "1.2.3");
-    EXPECT_EQ(refusal([&] { plain.set("config/x", one); }), denied);
+    EXPECT_EQ(thrown<rpc_error>([&] { plain.set("config/x", one); }), denied);
 }
 
 TEST(server_tls, OnlyTrustedCertificatesGetInAndPlainTcpCanBeOff) {
     tls_server s(false);
-    auto try_get = [&](const std::string& name) {
-        auto c = s.as(name);
-        c.get("data/version");
-    };
+    auto try_get = [&](const std::string& name) { s.as(name).get("data/version"); };
     // With TLS 1.3 the refusal may come with the handshake or with the first read.
     EXPECT_THROW(try_get(""), dh::client::connection_error);
     EXPECT_THROW(try_get("rogue"), dh::client::connection_error);
     // A client that speaks no TLS at all gets nothing either.
     auto raw = line_client::tcp(s.srv.tls_port());
-    ASSERT_TRUE(raw.send_line(
-        R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})"));
+    ASSERT_TRUE(raw.send_line(req("1", "get", R"({"path":"data/version"})")));
     EXPECT_TRUE(raw.closed_by_peer());
     EXPECT_STREQ(s.as("monitor").get("data/version").GetString(), "1.2.3");
 
@@ -146,10 +136,8 @@ TEST(roles, RoleFileIsCheckedAndApplied) {
     EXPECT_EQ(role_map::parse("{}", "f").for_plain_tcp(), role::monitor);
 
     for (const char* bad : {R"({"certificates": {"CN=a": "root"}})", R"({"user": {}})",
-                            R"({"groups": []})", R"({"plainTcp": 1})", "[]", "{"}) {
-        SCOPED_TRACE(bad);
-        EXPECT_THROW(role_map::parse(bad, "f"), std::runtime_error);
-    }
+                            R"({"groups": []})", R"({"plainTcp": 1})", "[]", "{"})
+        EXPECT_THROW(role_map::parse(bad, "f"), std::runtime_error) << bad;
     EXPECT_THROW(role_map::load("/nonexistent/roles.json"), std::runtime_error);
 }
 

@@ -45,22 +45,34 @@ inline bool wait_until(const std::function<bool()>& done, std::chrono::milliseco
     return true;
 }
 
-// A request line; id and params are JSON texts, params left out when empty.
+// A request line; id and params are JSON texts, each left out when empty (no id: a
+// notification).
 inline std::string req(const std::string& id, const std::string& method,
                        const std::string& params = "") {
-    return fmt::format(R"({{"jsonrpc":"2.0","id":{},"method":"{}"{}}})", id, method,
+    return fmt::format(R"({{"jsonrpc":"2.0",{}"method":"{}"{}}})",
+                       id.empty() ? "" : R"("id":)" + id + ",", method,
                        params.empty() ? "" : R"(,"params":)" + params);
 }
 
-// What the E that f throws says; "" when it throws nothing.
-template <typename E, typename F>
-std::string thrown(F&& f) {
+// The error line answering what has no usable id.
+inline std::string null_error(int code, const std::string& message) {
+    return fmt::format(R"({{"jsonrpc":"2.0","id":null,"error":{{"code":{},"message":"{}"}}}})",
+                       code, message);
+}
+
+// What f throws as an E, as describe(e) tells it (e.what() by default); "" when it throws none.
+template <typename E, typename F, typename D>
+std::string thrown(F&& f, D&& describe) {
     try {
         f();
     } catch (const E& e) {
-        return e.what();
+        return describe(e);
     }
     return "";
+}
+template <typename E, typename F>
+std::string thrown(F&& f) {
+    return thrown<E>(f, [](const E& e) { return std::string(e.what()); });
 }
 
 inline rapidjson::Document parse(const std::string& text) {
@@ -108,21 +120,15 @@ class line_client {
     // The next line, or nothing on timeout, end of stream or error.
     std::optional<std::string> read_line(std::chrono::milliseconds limit = 5s) {
         const auto deadline = std::chrono::steady_clock::now() + limit;
-        for (;;) {
-            if (auto nl = buf_.find('\n'); nl != std::string::npos) {
-                std::string line = buf_.substr(0, nl);
-                buf_.erase(0, nl + 1);
-                return line;
-            }
+        std::size_t nl;
+        while ((nl = buf_.find('\n')) == std::string::npos)
             if (!fill(deadline)) return std::nullopt;
-        }
+        std::string line = buf_.substr(0, nl);
+        buf_.erase(0, nl + 1);
+        return line;
     }
     // The next line as JSON; throws when none comes.
-    rapidjson::Document read_json() {
-        auto line = read_line();
-        if (!line) throw std::runtime_error("no line");
-        return parse(*line);
-    }
+    rapidjson::Document read_json() { return parse(read_line().value()); }
 
     // True once the peer closed the connection (lines still buffered are dropped).
     bool closed_by_peer(std::chrono::milliseconds limit = 5s) {
@@ -203,45 +209,38 @@ class value_node : public dh_db_event_node {
 };
 
 // A slow read on the workers: get waits until the test opens the gate.
-class gated_node : public dh_db_leaf_node {
-  public:
+struct gated_node : dh_db_leaf_node {
     explicit gated_node(dh_db& db) : dh_db_leaf_node(db, {"data", "slow"}) {}
     void get(std::string_view, dh::Allocator& a, dh::Value& out) override {
         ++waiting;
-        opened_.wait();
+        opened.wait(false);
         out.SetString("slow", a);
     }
     bool is_async() override { return true; }
     void open() {
-        if (!open_.exchange(true)) gate_.set_value();
+        opened = true;
+        opened.notify_all();
     }
 
     std::atomic<int> waiting{0};
-
-  private:
-    std::atomic<bool> open_{false};
-    std::promise<void> gate_;
-    std::shared_future<void> opened_ = gate_.get_future().share();
+    std::atomic<bool> opened{false};
 };
 
 // Fails with a dh_error (get) or any other exception (run); with `echo`, a run answers
 // {"echo": value} instead, on the workers.
-class tricky_node : public dh_db_leaf_node {
-  public:
+struct tricky_node : dh_db_leaf_node {
     tricky_node(dh_db& db, const std::string& path, bool echo)
-        : dh_db_leaf_node(db, dh_db::split_path(path)), echo_(echo) {}
+        : dh_db_leaf_node(db, dh_db::split_path(path)), echo(echo) {}
     void get(std::string_view, dh::Allocator&, dh::Value&) override {
         throw dh_error(-5, "Input/output error");
     }
     void run(std::string_view, const dh::Value& in, dh::Allocator& a, dh::Value& out) override {
-        if (!echo_) throw std::runtime_error("boom");
+        if (!echo) throw std::runtime_error("boom");
         out.SetObject();
         out.AddMember("echo", dh::Value(in, a), a);
     }
-    bool is_async() override { return echo_; }
-
-  private:
-    const bool echo_;
+    bool is_async() override { return echo; }
+    const bool echo;
 };
 
 template <typename Node, typename... Args>
@@ -280,8 +279,7 @@ struct test_server {
 };
 
 // A served test_server with the small node kinds above and heartbeats on a manual clock.
-class server_fixture : public ::testing::Test {
-  protected:
+struct server_fixture : ::testing::Test {
     void SetUp() override {
         param = add<value_node>(s.db, "config/ospf/areaId", false);
         async_param = add<value_node>(s.db, "config/ntp/server", true);
@@ -295,8 +293,6 @@ class server_fixture : public ::testing::Test {
     virtual void before_start() {}
     void TearDown() override { gate->open(); }
 
-    line_client connect() { return s.connect(); }
-
     // Sends one request and returns the next line as a document.
     static rapidjson::Document call(line_client& c, const std::string& request) {
         EXPECT_TRUE(c.send_line(request));
@@ -308,11 +304,9 @@ class server_fixture : public ::testing::Test {
                                                      const std::string& params) {
         EXPECT_TRUE(c.send_line(req(id, method, params)));
         std::vector<rapidjson::Document> lines;
-        for (;;) {
-            lines.push_back(c.read_json());
-            const auto& d = lines.back();
-            if (d.HasMember("id") && to_json_text(d["id"]) == id) return lines;
-        }
+        do lines.push_back(c.read_json());
+        while (!lines.back().HasMember("id") || to_json_text(lines.back()["id"]) != id);
+        return lines;
     }
     // The result of a request, or its error, as JSON text.
     static std::string result(line_client& c, const std::string& method,

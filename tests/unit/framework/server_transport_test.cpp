@@ -1,6 +1,5 @@
 #include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/stat.h>
 
 #include <fstream>
 #include <system_error>
@@ -14,8 +13,7 @@ namespace {
 
 using server_transport = server_fixture;
 
-const std::string get_version =
-    R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/version"}})";
+const std::string get_version = req("1", "get", R"({"path":"data/version"})");
 
 bool answers(line_client& c) {
     return c.send_line(get_version) &&
@@ -29,10 +27,11 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
     std::ofstream(sock_dir + "/dh.sock") << "left over";
     {
         device_handler_api api(sock_dir, 0, true);
-        struct stat st {};
-        ASSERT_EQ(::stat(api.socket_path().c_str(), &st), 0);
-        EXPECT_TRUE(S_ISSOCK(st.st_mode));
-        EXPECT_EQ(st.st_mode & 0777, 0660u);
+        const auto st = std::filesystem::status(api.socket_path());
+        // A socket, and its mode in octal.
+        EXPECT_EQ(fmt::format("{} {:o}", st.type() == std::filesystem::file_type::socket,
+                              static_cast<unsigned>(st.permissions())),
+                  "true 660");
         // IPv6 is bound to an interface that must exist (the limits test uses it on lo).
         EXPECT_THROW(api.start_ipv6_socket("no-such-if0"), std::system_error);
         // Children the daemon starts must not inherit its listening sockets.
@@ -51,7 +50,7 @@ TEST(server_socket, ReplacesStaleSocketFileWithMode0660AndIsNotInherited) {
 }
 
 TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
-    auto c = connect();
+    auto c = s.connect();
     // Exactly 1 MiB is still a line; the value is a long string of the right size.
     const std::string head =
         R"({"jsonrpc":"2.0","id":1,"method":"set","params":{"path":"config/ospf/areaId","value":")";
@@ -60,17 +59,14 @@ TEST_F(server_transport, OversizedLineIsRefusedAndClosed) {
     EXPECT_TRUE(call(c, fits)["result"].IsNull());
 
     c.send_raw(std::string((1u << 20) + 1, ' '));
-    EXPECT_EQ(
-        c.read_line(),
-        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Request too large"}})");
+    EXPECT_EQ(c.read_line(), null_error(-32600, "Request too large"));
     EXPECT_TRUE(c.closed_by_peer());
 }
 
 TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
-    auto c = connect();
-    EXPECT_EQ(
-        to_json_text(call(c, std::string(100000, '['))),
-        R"({"jsonrpc":"2.0","id":null,"error":{"code":-32600,"message":"Nesting too deep"}})");
+    auto c = s.connect();
+    EXPECT_EQ(to_json_text(call(c, std::string(100000, '['))),
+              null_error(-32600, "Nesting too deep"));
     // Objects count as well: with the request object and params, 62 arrays make 64 levels.
     auto nested = [](int n) {
         return R"({"jsonrpc":"2.0","id":2,"method":"set","params":{"path":"config/ospf/areaId","value":)" +
@@ -82,9 +78,9 @@ TEST_F(server_transport, DeepNestingIsRefusedWithoutHarm) {
 }
 
 TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
-    auto stalled = connect();
-    auto reader = connect();
-    auto busy = connect();
+    auto stalled = s.connect();
+    auto reader = s.connect();
+    auto busy = s.connect();
     for (auto* c : {&stalled, &reader})
         ASSERT_TRUE(
             call(*c, req("1", "subscribe", R"({"path":"config/ospf/areaId"})"))["result"].IsNull());
@@ -95,9 +91,7 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
     std::size_t sent = 0;
     const auto deadline = std::chrono::steady_clock::now() + 20s;
     while (param->unsubscribes.load() == 0 && std::chrono::steady_clock::now() < deadline) {
-        dh::Document v;
-        v.SetString((big + std::to_string(sent++)).c_str(), v.GetAllocator());
-        param->set("", v);
+        set(*param, '"' + big + std::to_string(sent++) + '"');
         // The reader keeps up, and a third client is answered between events.
         ASSERT_TRUE(reader.read_line()) << "event " << sent;
         ASSERT_TRUE(answers(busy));
@@ -112,12 +106,9 @@ TEST_F(server_transport, SubscriberThatNeverReadsIsCutOffAlone) {
 }
 
 TEST_F(server_transport, HalfClosedConnectionGetsEveryAnswer) {
-    auto c = connect();
+    auto c = s.connect();
     // The last request has no newline; the slow one finishes after the peer stopped sending.
-    ASSERT_TRUE(
-        c.send_raw(R"({"jsonrpc":"2.0","id":1,"method":"get","params":{"path":"data/slow"}})"
-                   "\n" +
-                   get_version));
+    ASSERT_TRUE(c.send_raw(req("1", "get", R"({"path":"data/slow"})") + "\n" + get_version));
     c.shutdown();
     EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
     ASSERT_TRUE(wait_until([&] { return gate->waiting == 1; }));
@@ -138,8 +129,7 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
     const auto open_now = std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                                         std::filesystem::directory_iterator{});
-    rlimit low = saved;
-    low.rlim_cur = static_cast<rlim_t>(open_now + 32);
+    const rlimit low{static_cast<rlim_t>(open_now + 32), saved.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &low), 0);
     // Take every descriptor but one; the client takes that one, so the server cannot accept.
     std::vector<int> filler;
@@ -153,11 +143,6 @@ TEST(server_limits, AcceptSurvivesRunningOutOfDescriptors) {
     for (int fd : filler) ::close(fd);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &saved), 0);
     EXPECT_EQ(c.read_line(), R"({"jsonrpc":"2.0","id":1,"result":"1.2.3"})");
-}
-
-std::string refusal(const char* message) {
-    return R"({"jsonrpc":"2.0","id":null,"error":{"code":-32000,"message":")" +
-           std::string(message) + "\"}}";
 }
 
 // The network's share (IPv4 and IPv6 together), each address's part of it, and the Unix
@@ -174,17 +159,17 @@ TEST(server_limits, BudgetsRefuseOnTheWireAndFreeOnClose) {
     auto b = line_client::tcp(s.srv.tcp_port());
     EXPECT_TRUE(answers(a) && answers(b));
     auto refused = line_client::tcp(s.srv.tcp_port());
-    EXPECT_EQ(refused.read_line(), refusal("Too many connections from this address"));
+    EXPECT_EQ(refused.read_line(), null_error(-32000, "Too many connections from this address"));
     EXPECT_TRUE(refused.closed_by_peer());
     auto v6 = line_client::tcp(s.srv.tcp_port(), "::1");
     EXPECT_TRUE(answers(v6));
     EXPECT_EQ(line_client::tcp(s.srv.tcp_port(), "::1").read_line(),
-              refusal("Too many connections"));
+              null_error(-32000, "Too many connections"));
 
     auto local = line_client::unix_socket(s.srv.socket_path());
     EXPECT_TRUE(answers(local));
     EXPECT_EQ(line_client::unix_socket(s.srv.socket_path()).read_line(),
-              refusal("Too many connections"));
+              null_error(-32000, "Too many connections"));
     EXPECT_EQ(s.srv.connection_count(), 4u);
 
     { auto gone_a = std::move(a), gone_local = std::move(local); }
@@ -211,7 +196,7 @@ TEST(server_limits, SilentConnectionsWithoutSubscriptionsAreClosed) {
         ASSERT_TRUE(answers(talking));
         std::this_thread::sleep_for(50ms);
     }
-    EXPECT_EQ(silent.read_line(1s), refusal("Idle timeout"));
+    EXPECT_EQ(silent.read_line(1s), null_error(-32000, "Idle timeout"));
     EXPECT_TRUE(silent.closed_by_peer());
     EXPECT_TRUE(answers(talking));
     EXPECT_TRUE(answers(subscribed));

@@ -14,11 +14,9 @@
 
 namespace server_test {
 
-// A unit whose setters check the value and keep their change on the host as an effect.
-class unit {
-  public:
+// A unit whose setters keep their change on the host as an effect.
+struct unit {
     void set_text(std::string_view name, const std::string& value) {
-        if (value == "bad") throw dh_error(-22, "Refused: bad");
         dh::write_batch::after_commit([this, what = fmt::format("{}={}", name, value)] {
             std::lock_guard lock(mutex);
             effects.push_back(what);
@@ -31,8 +29,7 @@ class unit {
 };
 
 // Confirmed commits as a program keeps them, reduced to what the server hands over.
-class fake_commits : public dh::commit_service {
-  public:
+struct fake_commits : dh::commit_service {
     void check_write_allowed() override {
         std::lock_guard lock(mutex);
         if (pending) throw dh_error(-16, "Pending");
@@ -60,8 +57,7 @@ class fake_commits : public dh::commit_service {
 
 namespace {
 
-class server_writes : public server_fixture {
-  protected:
+struct server_writes : server_fixture {
     void before_start() override {
         s.srv.set_commit_service(commits);
         for (const char* name : {"a", "b"})
@@ -85,7 +81,7 @@ TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
     // The server holds the program's commit service weakly; without it there are no confirmed
     // commits.
     commits.reset();
-    auto c = connect();
+    auto c = s.connect();
     const std::pair<std::string, std::string> refused[] = {
         {R"({"updates":[]})", R"({"code":-32602,"message":"Invalid params"})"},
         {R"({"updates":[{"path":"config/a"}]})", R"({"code":-32602,"message":"Invalid params"})"},
@@ -102,8 +98,7 @@ TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
         {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":3601})",
          R"({"code":-32602,"message":"Invalid params"})"},
         {R"({"updates":[{"path":"config/a","value":"x"}],"confirm_timeout":5})",
-         R"({"code":-95,"message":"Operation not supported"})"},
-    };
+         R"({"code":-95,"message":"Operation not supported"})"}};
     for (const auto& [params, error] : refused)
         EXPECT_EQ(result(c, "set_many", params), error) << params;
     EXPECT_EQ(result(c, "confirm", R"({"token":"t1"})"),
@@ -113,7 +108,7 @@ TEST_F(server_writes, RefusalsComeBeforeAnythingRuns) {
 }
 
 TEST_F(server_writes, ConfirmedCommitsGoThroughTheProgramsService) {
-    auto c = connect();
+    auto c = s.connect();
     EXPECT_EQ(result(c, "set", R"({"path":"config/a","value":"x","confirm_timeout":30})"),
               R"({"token":"t1"})");
     EXPECT_EQ(commits->committed, "config/a 30");
