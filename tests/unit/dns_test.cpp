@@ -38,12 +38,6 @@ TEST_F(Dns, UpdateCreatesChangesAndRemovesTheFirstEntryOfARole) {
               R"({"primaryDnsIpAddress":"3.3.3.3","secondaryDnsIpAddress":"2.2.2.2"})");
     EXPECT_EQ(to_json(handler->dns().get_dns_servers(running_doc())),
               R"({"primaryDnsIpAddress":"10.0.0.53","secondaryDnsIpAddress":"fd00::53"})");
-
-    // Removing from a document without the array leaves it untouched.
-    doc = parse(R"({"ietf-system:system":{}})");
-    handler->dns().update_dns_server(doc, "primary", "");
-    EXPECT_EQ(to_json(doc), R"({"ietf-system:system":{}})");
-    EXPECT_EQ(to_json(handler->dns().get_dns_servers(doc)), "{}");
 }
 
 TEST_F(Dns, InvalidAddressesAreRefusedBeforeAnythingRuns) {
