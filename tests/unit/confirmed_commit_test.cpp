@@ -1,8 +1,9 @@
 #include <filesystem>
 #include <mutex>
-#include <regex>
 #include <shared_mutex>
 #include <string>
+
+#include <gmock/gmock.h>
 
 #include "handler_fixture.hpp"
 
@@ -52,7 +53,7 @@ TEST_F(ConfirmedCommit, WithoutConfirmItIsRolledBackAtTheTimeout) {
     EXPECT_EQ(write_allowed(), "no error");
 
     const std::string token = commit(change);
-    EXPECT_TRUE(std::regex_match(token, std::regex("[0-9a-f]{32}"))) << token;
+    EXPECT_THAT(token, ::testing::MatchesRegex("[0-9a-f]{32}"));
     EXPECT_EQ(status(), R"({"state":"pending","token":")" + token +
                             R"(","paths":["config/ntp/primaryServer","config/dnsSettings"],)"
                             R"("timeout":30})");
